@@ -5,12 +5,6 @@
 
 using Platform::LogMessage;
 
-TEST(LogMessage, WithoutALoggerNothingHappens) {
-    EXPECT_TRUE(Platform::GetAppLogger().IsNull());
-    LogMessage(Platform::LogFatal, "F", "file.cpp", 3, "lost");
-    EXPECT_THROW(Platform::LogStackTrace(), std::runtime_error);
-}
-
 TEST(LogMessage, LineLayoutFollowsTheLoggerSwitches) {
     TestSupport::ScopedRecordingLogger logger;
     LogMessage(Platform::LogError, "MapServices::impl::TileFetcherBase::FetchTileDataAsync", "Fetcher.cpp", 42,
