@@ -58,3 +58,11 @@ void ThrowInvalidSubscript() { throw std::out_of_range("invalid vector subscript
 void ThrowInvalidKey() { throw std::out_of_range("invalid unordered_map<K, T> key"); }
 
 } // namespace Core
+
+namespace Core {
+
+void ThrowFileSystemError(const char* operation, const std::string& path, std::error_code error) {
+    throw std::runtime_error(std::string(operation) + ": " + error.message() + ": \"" + path + "\"");
+}
+
+} // namespace Core

@@ -36,3 +36,13 @@ auto& MapAt(Map& map, const Key& key) {
 }
 
 } // namespace Core
+
+#include <system_error>
+
+namespace Core {
+
+// A file-system failure whose text begins with the operation's name ("exists",
+// "create_directories", "file_size", "rename"), then the system's message and the path.
+[[noreturn]] void ThrowFileSystemError(const char* operation, const std::string& path, std::error_code error);
+
+} // namespace Core

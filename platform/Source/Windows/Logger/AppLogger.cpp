@@ -8,6 +8,7 @@
 #include <mutex>
 #include <string>
 
+#include "Core/Checked.h"
 #include "Core/Fnv1a.h"
 #include "Core/ObjectImplBase.h"
 #include "Core/StringFormat.h"
@@ -76,7 +77,9 @@ public:
                       .c_str(),
                   0);
         if (renameOnClose_ && file_.Raw()) {
-            std::filesystem::rename(logPath_, failedPath_);
+            std::error_code error;
+            std::filesystem::rename(logPath_, failedPath_, error);
+            if (error) Core::ThrowFileSystemError("rename", logPath_, error);
             Write(Core::StringFormat("[Log file renamed from [%s] to [%s]", logPath_.c_str(), failedPath_.c_str())
                       .c_str(),
                   0);

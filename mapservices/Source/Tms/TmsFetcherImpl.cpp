@@ -1,0 +1,35 @@
+#include "TmsFetcherImpl.h"
+
+#include "Core/Fnv1a.h"
+
+namespace MapServices::Tms::impl {
+
+namespace {
+
+void ReplaceAll(std::string& text, const std::string& mark, const std::string& value) {
+    for (size_t at = text.find(mark); at != std::string::npos; at = text.find(mark, at + value.size()))
+        text.replace(at, mark.size(), value);
+}
+
+} // namespace
+
+TmsFetcherImpl::TmsFetcherImpl(const std::string& url, int32_t tileFormat) {
+    tileFormat_ = url.find("pbf") != std::string::npos ? 1 : tileFormat;
+    SetServerUrl(url);
+    if (tileFormat_ == 1) fileExtension_ = ".pbf";
+    cacheRoot_.clear();
+    cacheFolder_ = "TmsCache";
+    template_ = url;
+}
+
+std::string TmsFetcherImpl::BuildTilePath(int32_t z, int32_t x, int32_t y) const {
+    std::string path = path_;
+    ReplaceAll(path, "{x}", std::to_string(x));
+    ReplaceAll(path, "{y}", std::to_string(y));
+    ReplaceAll(path, "{z}", std::to_string(z));
+    return path;
+}
+
+uint64_t TmsFetcherImpl::GetCacheHash() { return Core::Fnv1a64(template_); }
+
+} // namespace MapServices::Tms::impl

@@ -1,0 +1,192 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "Core/Fnv1a.h"
+#include "RecordingLogger.h"
+#include "TempDir.h"
+#include "Tms/TmsFetcherImpl.h"
+
+using MapServices::BoundingBoxValue;
+using MapServices::TileRange;
+using MapServices::Tms::impl::TmsFetcherImpl;
+
+namespace {
+
+template <class F>
+std::string MessageOf(F&& f) {
+    try {
+        f();
+    } catch (const std::exception& e) {
+        return e.what();
+    }
+    return "<no exception>";
+}
+
+} // namespace
+
+TEST(TmsFetcher, SplitsServiceUrls) {
+    const struct {
+        const char* url;
+        const char* host;
+        int32_t port;
+        bool secure;
+        const char* serviceUrl;
+        const char* path;
+    } cases[] = {
+        {"http://tiles.example.org/{z}/{x}/{y}.png", "tiles.example.org", 80, false, "http://tiles.example.org",
+         "/{z}/{x}/{y}.png"},
+        {"https://a.b:8443/t/{z}/{x}/{y}.png?key=1", "a.b", 8443, true, "https://a.b:8443", "/t/{z}/{x}/{y}.png?key=1"},
+        {"HTTPS://A.B/x/", "A.B", 443, true, "https://A.B", "/x"},
+        {"http://h:443/x", "h", 443, true, "https://h", "/x"},
+        {"https://h:80/x", "h", 80, true, "https://h", "/x"},
+        {"host:8080/a", "host", 8080, true, "https://host:8080", "/a"},
+        {"https/a", "https", 443, true, "https://https", "/a"},
+        {"http://a:b:c/x", "", 80, false, "http://", "/x"},
+        {"http://h//x//y", "h", 80, false, "http://h", "/x/y"},
+        // One piece: nothing is split and the defaults stay.
+        {"tiles", "", 80, false, "", ""},
+        {"", "", 80, false, "", ""},
+    };
+    for (const auto& c : cases) {
+        TmsFetcherImpl fetcher(c.url, 0);
+        EXPECT_EQ(fetcher.GetHost(), c.host) << c.url;
+        EXPECT_EQ(fetcher.GetPort(), c.port) << c.url;
+        EXPECT_EQ(fetcher.IsSecure(), c.secure) << c.url;
+        EXPECT_EQ(fetcher.GetServiceUrl(), c.serviceUrl) << c.url;
+        EXPECT_EQ(fetcher.GetPath(), c.path) << c.url;
+    }
+    EXPECT_EQ(MessageOf([] { TmsFetcherImpl("http://h:port/x", 0); }), "invalid stoi argument");
+    EXPECT_EQ(MessageOf([] { TmsFetcherImpl("http://h:99999999999/x", 0); }), "stoi argument out of range");
+    EXPECT_EQ(MessageOf([] { TmsFetcherImpl("http://h:/x", 0); }), "invalid stoi argument");
+}
+
+TEST(TmsFetcher, TemplateFormatAndDefaults) {
+    TmsFetcherImpl raster("http://h/{z}/{x}/{y}.png", 0);
+    EXPECT_EQ(raster.GetTileFormat(), 0);
+    EXPECT_EQ(raster.GetFileExtension(), ".png");
+    EXPECT_EQ(raster.GetLayerName(), "Tiles");
+    EXPECT_EQ(raster.GetMaxZoom(), 20);
+    EXPECT_EQ(raster.GetTileSize(), 256);
+    EXPECT_TRUE(raster.IsCacheEnabled());
+    EXPECT_EQ(raster.BuildTilePath(3, 5, 7), "/3/5/7.png");
+
+    TmsFetcherImpl vector("http://pbfhost/{z}/{x}/{y}", 0);
+    EXPECT_EQ(vector.GetTileFormat(), 1);
+    EXPECT_EQ(vector.GetFileExtension(), ".pbf");
+    EXPECT_EQ(TmsFetcherImpl("http://h/{z}/{x}/{y}.PBF", 1).GetFileExtension(), ".pbf") << "asked for vector";
+    EXPECT_EQ(TmsFetcherImpl("http://h/{z}/{x}/{y}.PBF", 0).GetTileFormat(), 0) << "the mark is case-sensitive";
+
+    TmsFetcherImpl repeated("http://h/{x}/{x}-{y}/{Z}", 0);
+    EXPECT_EQ(repeated.BuildTilePath(1, 12, 34), "/12/12-34/{Z}");
+    // A value that contains a mark is not replaced again.
+    EXPECT_EQ(TmsFetcherImpl("http://h/{x}{y}", 0).BuildTilePath(0, 1, 2), "/12");
+}
+
+TEST(TmsFetcher, CacheHashIsTheTemplateHash) {
+    TmsFetcherImpl a("http://h/{z}/{x}/{y}.png", 0);
+    TmsFetcherImpl b("http://h/{z}/{x}/{y}.png?v=2", 0);
+    EXPECT_EQ(a.GetCacheHash(), Core::Fnv1a64("http://h/{z}/{x}/{y}.png"));
+    EXPECT_NE(a.GetCacheHash(), b.GetCacheHash());
+    EXPECT_EQ(TmsFetcherImpl("", 0).GetCacheHash(), 0xcbf29ce484222325ULL);
+}
+
+TEST(TmsFetcher, RangeChecks) {
+    TmsFetcherImpl fetcher("http://h/{z}/{x}/{y}.png", 0);
+    const struct {
+        int32_t z, x, y;
+        bool valid;
+    } cases[] = {
+        {0, 0, 0, true}, {0, 1, 0, false}, {3, 7, 7, true},   {3, 8, 0, false}, {3, 0, 8, false},
+        {3, -1, -5, true}, {20, 1048575, 0, true}, {21, 0, 0, false}, {-1, 0, 0, false},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(fetcher.IsTileValid(c.z, c.x, c.y), c.valid) << c.z << "/" << c.x << "/" << c.y;
+        EXPECT_EQ(fetcher.IsTileAvailable(c.x, c.y, c.z), c.valid);
+    }
+    fetcher.SetMinZoom(2);
+    fetcher.SetMaxZoom(31);
+    EXPECT_FALSE(fetcher.IsTileValid(1, 0, 0));
+    EXPECT_TRUE(fetcher.IsTileValid(31, 2147483647, 0));
+}
+
+TEST(TmsFetcher, TileGeometry) {
+    TmsFetcherImpl fetcher("http://h/{z}/{x}/{y}.png", 0);
+    const BoundingBoxValue world = fetcher.GetTileBounds(0, 0, 0);
+    EXPECT_DOUBLE_EQ(world.minX, -180.0);
+    EXPECT_DOUBLE_EQ(world.maxX, 180.0);
+    EXPECT_NEAR(world.maxY, 85.0511287798, 1e-9);
+    EXPECT_NEAR(world.minY, -85.0511287798, 1e-9);
+
+    const BoundingBoxValue tile = fetcher.GetTileBounds(1, 0, 1);
+    EXPECT_DOUBLE_EQ(tile.minX, 0.0);
+    EXPECT_NEAR(tile.minY, 0.0, 1e-9);
+    EXPECT_DOUBLE_EQ(tile.maxX, 180.0);
+
+    // The range of a tile's own box, shrunk a little, is that tile.
+    const BoundingBoxValue inner = fetcher.GetTileBounds(5, 9, 4);
+    BoundingBoxValue shrunk{inner.minX + 1e-6, inner.minY + 1e-6, inner.maxX - 1e-6, inner.maxY - 1e-6};
+    const TileRange range = fetcher.GetTileRange(shrunk, 4);
+    EXPECT_EQ(range, (TileRange{5, 9, 5, 9}));
+
+    const TileRange europe = fetcher.GetTileRange({-10.0, 35.0, 30.0, 60.0}, 5);
+    EXPECT_EQ(europe, (TileRange{15, 9, 18, 12}));
+    // No clamping to the grid.
+    EXPECT_EQ(fetcher.GetTileRange({190.0, 0.0, 190.0, 0.0}, 0).minX, 1);
+}
+
+TEST(TmsCache, PathsAndDirectories) {
+    TestSupport::TempDir dir;
+    TmsFetcherImpl fetcher("http://h/{z}/{x}/{y}.png", 0);
+    const auto low = static_cast<uint32_t>(fetcher.GetCacheHash());
+    const std::string root = dir.Path().string();
+    fetcher.SetCacheRoot(root);
+    const std::string base = root + "/TmsCache/" + std::to_string(low);
+    EXPECT_EQ(fetcher.GetCacheDirectory(), base + "/");
+    EXPECT_EQ(fetcher.GetCachedTilePath(5, 17, 11), base + "/5/5_17_11.png");
+    EXPECT_FALSE(std::filesystem::exists(base)) << "formatting makes nothing";
+    EXPECT_FALSE(fetcher.IsTileCached(5, 17, 11));
+
+    EXPECT_EQ(fetcher.GetMapTileDirPath(5), base + "/5");
+    EXPECT_TRUE(std::filesystem::is_directory(base + "/5"));
+    EXPECT_EQ(fetcher.GetCachedTileFilePath(root + "/other", 2, 1, 3), root + "/other/2/2_1_3.png");
+    EXPECT_TRUE(std::filesystem::is_directory(root + "/other/2"));
+
+    std::ofstream(base + "/5/5_17_11.png") << "";
+    EXPECT_TRUE(fetcher.IsTileCached(5, 17, 11)) << "an empty file is a hit";
+    fetcher.SetCacheEnabled(false);
+    EXPECT_FALSE(fetcher.IsTileCached(5, 17, 11));
+
+    TmsFetcherImpl rootless("http://h/{z}/{x}/{y}.png", 0);
+    EXPECT_EQ(rootless.GetCachedTilePath(1, 2, 3).rfind("/TmsCache/", 0), 0u);
+}
+
+TEST(TmsCache, MakingADirectoryOverAFileFails) {
+    TestSupport::TempDir dir;
+    TestSupport::ScopedRecordingLogger logger;
+    std::ofstream(dir.File("blocker")) << "x";
+    TmsFetcherImpl fetcher("http://h/{z}/{x}/{y}.png", 0);
+    fetcher.SetCacheRoot(dir.File("blocker"));
+    const std::string text = MessageOf([&] { fetcher.GetMapTileDirPath(1); });
+    EXPECT_EQ(text.rfind("create_directories: ", 0), 0u) << text;
+}
+
+TEST(TmsCache, ReadTileFile) {
+    TestSupport::TempDir dir;
+    std::ofstream(dir.File("t.png"), std::ios::binary) << std::string("\x89PNG\0data", 9);
+    auto bytes = TmsFetcherImpl::ReadTileFile(dir.File("t.png"));
+    ASSERT_FALSE(bytes.IsNull());
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(bytes.GetData()), bytes.GetSizeInBytes()),
+              std::string("\x89PNG\0data", 9));
+
+    std::ofstream(dir.File("empty.png")) << "";
+    auto empty = TmsFetcherImpl::ReadTileFile(dir.File("empty.png"));
+    ASSERT_FALSE(empty.IsNull());
+    EXPECT_EQ(empty.GetSizeInBytes(), 0u);
+
+    std::filesystem::create_directory(dir.File("5_1_1.png"));
+    EXPECT_TRUE(TmsFetcherImpl::ReadTileFile(dir.File("5_1_1.png")).IsNull()) << "a directory reads as no file";
+    EXPECT_TRUE(TmsFetcherImpl::ReadTileFile(dir.File("missing.png")).IsNull());
+}
