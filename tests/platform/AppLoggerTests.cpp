@@ -8,7 +8,7 @@
 
 #include "Core/ObjectImplBase.h"
 #include "Platform/AppLogger.h"
-#include "Platform/DebugChannel.h"
+#include "Platform/DebugOutput.h"
 #include "Platform/Log.h"
 #include "TempDir.h"
 
@@ -103,14 +103,14 @@ TEST(AppLogger, CorrelationIsPerThreadAndLinesReachTheDebugChannel) {
     logger->SetShowCorrelation(true);
     std::vector<std::string> seen;
     std::mutex seenMutex;
-    Platform::DebugChannel::SetListener([&](std::string_view line) {
+    Platform::SetDebugOutputSink([&](std::string_view line) {
         std::lock_guard lock(seenMutex);
         seen.emplace_back(line);
     });
     logger->Write("x", 0);
     logger->Write("y", 0);
     std::thread([&] { logger->Write("z", 0); }).join();
-    Platform::DebugChannel::SetListener({});
+    Platform::SetDebugOutputSink({});
     ASSERT_EQ(seen.size(), 3u);
     const auto suffix = [](const std::string& line) { return line.substr(1); };
     EXPECT_EQ(seen[0].rfind("x (Corr: ", 0), 0u);

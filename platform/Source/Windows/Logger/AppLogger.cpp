@@ -14,7 +14,7 @@
 #include "Core/StringFormat.h"
 #include "Data/Values.h"
 #include "Platform/AppLogger.h"
-#include "Platform/DebugChannel.h"
+#include "Platform/DebugOutput.h"
 #include "Platform/Files.h"
 #include "Platform/Module.h"
 
@@ -162,7 +162,7 @@ public:
         } else {
             line = Core::StringFormat("%s%s%s", text, suffix.c_str(), "\r\n");
         }
-        DebugChannel::Write(line);
+        OutputDebugText(line);
 
         std::lock_guard lock(mutex_);
         if (auto* console = dynamic_cast<Interfaces::IConsole*>(console_.Raw())) {
