@@ -1,0 +1,246 @@
+#include <cmath>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Core/AbiGuard.h"
+#include "Tellar/Spatial/Exports.h"
+#include "Tellar/Spatial/ProjectionExports.h"
+
+using namespace Tellar::Interfaces;
+using Core::Ptr;
+
+namespace {
+
+Ptr<IEpsg> Epsg() {
+    Ptr<IEpsg> epsg;
+    Ptr<Core::IErrorCode> error;
+    EXPECT_TRUE(TellarSpatialProjection_CreateEpsg(epsg.ReceiveAddress(), error.ReceiveAddress()));
+    return epsg;
+}
+
+Ptr<ICrs> Crs(uint32_t code) {
+    Ptr<ICrs> crs;
+    Ptr<Core::IErrorCode> error;
+    Epsg()->CreateCrs(code, crs.ReceiveAddress(), error.ReceiveAddress());
+    Core::ThrowIfError(error);
+    return crs;
+}
+
+Ptr<ICrsTransformation> Transformation(uint32_t from, uint32_t to, bool viaWgs84 = false) {
+    Ptr<ICrsTransformation> result;
+    Ptr<Core::IErrorCode> error;
+    auto create = viaWgs84 ? TellarSpatialProjection_CreateCrsTransformationWithIntermediateWgs84Transform
+                           : TellarSpatialProjection_CreateCrsTransformation;
+    create(Crs(from).Raw(), Crs(to).Raw(), result.ReceiveAddress(), error.ReceiveAddress());
+    Core::ThrowIfError(error);
+    return result;
+}
+
+} // namespace
+
+TEST(BoundingBox, StartsUnsetAndKeepsValues) {
+    Ptr<IBoundingBox2d> box;
+    ASSERT_TRUE(TellarSpatial_CreateBoundingBox2d(box.ReceiveAddress(), nullptr));
+    double v[4];
+    box->GetValues(&v[0], &v[1], &v[2], &v[3]);
+    EXPECT_EQ(v[0], 1.7976931348623157e308);
+    EXPECT_EQ(v[1], 1.7976931348623157e308);
+    EXPECT_EQ(v[2], -1.7976931348623157e308);
+    EXPECT_EQ(v[3], -1.7976931348623157e308);
+    box->SetValues(-1.5, 2.5, 3.5, 4.5);
+    double maxY = 0;
+    box->GetValues(nullptr, nullptr, nullptr, &maxY);
+    EXPECT_EQ(maxY, 4.5);
+
+    Ptr<Core::IErrorCode> error;
+    IBoundingBox2d* stale = box.Raw();
+    EXPECT_FALSE(TellarSpatial_CreateBoundingBox2d(&stale, error.ReceiveAddress()));
+    EXPECT_STREQ(error->GetMessage(),
+                 "Pointer of struct Tellar::Interfaces::IBoundingBox2d must be null in order to avoid memory leaks!");
+}
+
+TEST(Epsg, DescribesKnownCodes) {
+    struct Case {
+        uint32_t code;
+        bool geographic;
+        const char* projPart;
+        const char* name;
+    };
+    const Case cases[] = {
+        {4326, true, "+proj=longlat", "WGS 84"},
+        {3857, false, "+proj=merc", "WGS 84 / Pseudo-Mercator"},
+        {32632, false, "+proj=utm +zone=32", "WGS 84 / UTM zone 32N"},
+        // A datum other than WGS 84 carries its shift to it.
+        {31467, false, "+towgs84=", "DHDN / 3-degree Gauss-Kruger zone 3"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.code);
+        Ptr<ICrs> crs = Crs(c.code);
+        EXPECT_EQ(crs->GetEpsgCode(), c.code);
+        EXPECT_EQ(crs->IsGeographic(), c.geographic);
+        EXPECT_NE(std::string(crs->GetProj4Text()).find(c.projPart), std::string::npos) << crs->GetProj4Text();
+        EXPECT_STREQ(crs->GetName(), c.name);
+        EXPECT_NE(std::string(crs->GetWkt()).find("ID[\"EPSG\"," + std::to_string(c.code) + "]"), std::string::npos);
+    }
+}
+
+TEST(Epsg, SameCodeGivesSameObjectAndUnknownCodeFails) {
+    Ptr<IEpsg> epsg = Epsg();
+    Ptr<ICrs> a, b, missing;
+    ASSERT_TRUE(epsg->CreateCrs(3857, a.ReceiveAddress(), nullptr));
+    ASSERT_TRUE(epsg->CreateCrs(3857, b.ReceiveAddress(), nullptr));
+    EXPECT_EQ(a.Raw(), b.Raw());
+
+    Ptr<Core::IErrorCode> error;
+    EXPECT_FALSE(epsg->CreateCrs(999999, missing.ReceiveAddress(), error.ReceiveAddress()));
+    EXPECT_EQ(missing.Raw(), nullptr);
+    ASSERT_TRUE(error.Raw());
+    EXPECT_NE(std::string(error->GetMessage()).find("Unknown EPSG code 999999"), std::string::npos)
+        << error->GetMessage();
+}
+
+TEST(Epsg, CreatesFromDefinition) {
+    Ptr<ICrs> crs;
+    ASSERT_TRUE(Epsg()->CreateCrsFromDefinition("EPSG:25832", crs.ReceiveAddress(), nullptr));
+    EXPECT_EQ(crs->GetEpsgCode(), 25832u);
+    Ptr<ICrs> custom;
+    ASSERT_TRUE(Epsg()->CreateCrsFromDefinition("+proj=merc +datum=WGS84 +type=crs", custom.ReceiveAddress(), nullptr));
+    EXPECT_EQ(custom->GetEpsgCode(), 0u);
+    Ptr<Core::IErrorCode> error;
+    Ptr<ICrs> bad;
+    EXPECT_FALSE(Epsg()->CreateCrsFromDefinition("+proj=nonsense", bad.ReceiveAddress(), error.ReceiveAddress()));
+    EXPECT_NE(std::string(error->GetMessage()).find("Invalid CRS definition"), std::string::npos);
+}
+
+TEST(CrsTransformation, KnownCoordinatesInEastNorthOrder) {
+    struct Case {
+        uint32_t from, to;
+        double x, y, expectX, expectY, tolerance;
+    };
+    const Case cases[] = {
+        // EPSG:4326 is latitude first in the registry; here longitude is x all the same.
+        {4326, 3857, 10.0, 50.0, 1113194.9079327357, 6446275.841017158, 1e-6},
+        {4326, 3857, -180.0, 0.0, -20037508.342789244, 0.0, 1e-6},
+        // On the central meridian of UTM zone 32 the easting is the false easting and the northing
+        // the meridian arc times 0.9996.
+        {4326, 32632, 9.0, 0.0, 500000.0, 0.0, 1e-6},
+        {4326, 32632, 9.0, 48.0, 500000.0, 5316300.2245, 1e-3},
+        // ETRS89-LAEA is northing first in the registry; its false origin at 10 E, 52 N.
+        {4258, 3035, 10.0, 52.0, 4321000.0, 3210000.0, 1e-6},
+        {3857, 4326, 1113194.9079327357, 6446275.841017158, 10.0, 50.0, 1e-9},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::to_string(c.from) + " to " + std::to_string(c.to));
+        auto t = Transformation(c.from, c.to);
+        double point[4] = {c.x, c.y, 0.0, 42.0};
+        ASSERT_TRUE(t->TransformPoints(1, point, nullptr));
+        EXPECT_NEAR(point[0], c.expectX, c.tolerance);
+        EXPECT_NEAR(point[1], c.expectY, c.tolerance);
+        EXPECT_EQ(point[3], 42.0);
+        EXPECT_EQ(t->GetSourceCrs()->GetEpsgCode(), c.from);
+        EXPECT_EQ(t->GetTargetCrs()->GetEpsgCode(), c.to);
+        EXPECT_FALSE(t->IsNoOp());
+    }
+}
+
+TEST(CrsTransformation, ArraysForwardAndInverseAgreeWithPoints) {
+    auto t = Transformation(3857, 4326);
+    std::vector<double> x, y, points;
+    for (int i = 0; i < 1000; ++i) {
+        x.push_back(-2.0e7 + i * 4.0e4);
+        y.push_back(-1.5e7 + i * 3.0e4);
+        points.insert(points.end(), {x.back(), y.back(), 0.0, 0.0});
+    }
+    const std::vector<double> x0 = x, y0 = y;
+    ASSERT_TRUE(t->TransformArrays(x.size(), TransformForward, x.data(), y.data(), nullptr, nullptr));
+    ASSERT_TRUE(t->TransformPoints(x.size(), points.data(), nullptr));
+    for (size_t i = 0; i < x.size(); ++i) {
+        EXPECT_DOUBLE_EQ(x[i], points[4 * i]);
+        EXPECT_DOUBLE_EQ(y[i], points[4 * i + 1]);
+    }
+    ASSERT_TRUE(t->TransformArrays(x.size(), TransformInverse, x.data(), y.data(), nullptr, nullptr));
+    for (size_t i = 0; i < x.size(); ++i) {
+        EXPECT_NEAR(x[i], x0[i], 1e-6);
+        EXPECT_NEAR(y[i], y0[i], 1e-6);
+    }
+}
+
+TEST(CrsTransformation, IntermediateWgs84MatchesDirectForAHelmertDatum) {
+    auto direct = Transformation(31467, 3857);
+    auto twoSteps = Transformation(31467, 3857, true);
+    double a[4] = {3500000.0, 5500000.0, 0, 0}, b[4] = {3500000.0, 5500000.0, 0, 0};
+    ASSERT_TRUE(direct->TransformPoints(1, a, nullptr));
+    ASSERT_TRUE(twoSteps->TransformPoints(1, b, nullptr));
+    EXPECT_NEAR(a[0], b[0], 5.0);
+    EXPECT_NEAR(a[1], b[1], 5.0);
+    // 9 E on the Bessel datum, a little over 100 m west of 9 E on WGS 84.
+    EXPECT_NEAR(a[0], 1001875.417, 300.0);
+
+    double x = b[0], y = b[1];
+    ASSERT_TRUE(twoSteps->TransformArrays(1, TransformInverse, &x, &y, nullptr, nullptr));
+    EXPECT_NEAR(x, 3500000.0, 1e-3);
+    EXPECT_NEAR(y, 5500000.0, 1e-3);
+}
+
+TEST(CrsTransformation, NoOpLeavesCoordinatesAndAcceptsNullCrs) {
+    Ptr<ICrsTransformation> t;
+    ASSERT_TRUE(TellarSpatialProjection_CreateCrsNoOpTransformation(nullptr, Crs(4326).Raw(), t.ReceiveAddress(),
+                                                                    nullptr));
+    EXPECT_TRUE(t->IsNoOp());
+    EXPECT_EQ(t->GetSourceCrs(), nullptr);
+    EXPECT_EQ(t->GetTargetCrs()->GetEpsgCode(), 4326u);
+    double p[4] = {1, 2, 3, 4};
+    double x = 5, y = 6;
+    ASSERT_TRUE(t->TransformPoints(1, p, nullptr));
+    ASSERT_TRUE(t->TransformArrays(1, TransformForward, &x, &y, nullptr, nullptr));
+    EXPECT_EQ(p[0], 1);
+    EXPECT_EQ(p[1], 2);
+    EXPECT_EQ(x, 5);
+    EXPECT_EQ(y, 6);
+}
+
+TEST(CrsTransformation, GuardsAndUntransformablePoints) {
+    Ptr<Core::IErrorCode> error;
+    Ptr<ICrsTransformation> t;
+    EXPECT_FALSE(TellarSpatialProjection_CreateCrsTransformation(nullptr, Crs(4326).Raw(), t.ReceiveAddress(),
+                                                                 error.ReceiveAddress()));
+    EXPECT_STREQ(error->GetMessage(), "Pointer of struct Tellar::Interfaces::ICrs must not be null!");
+
+    auto good = Transformation(4326, 3857);
+    error = nullptr;
+    EXPECT_FALSE(good->TransformArrays(1, TransformForward, nullptr, nullptr, nullptr, error.ReceiveAddress()));
+    ASSERT_TRUE(error.Raw());
+    error = nullptr;
+    double x = 0, y = 0;
+    EXPECT_FALSE(good->TransformArrays(1, TransformDirection(7), &x, &y, nullptr, error.ReceiveAddress()));
+    ASSERT_TRUE(error.Raw());
+
+    // Beyond the pole Mercator has no answer: the point becomes infinite, the call succeeds,
+    // and the next point is not affected.
+    double xs[2] = {10.0, 10.0}, ys[2] = {95.0, 50.0};
+    ASSERT_TRUE(good->TransformArrays(2, TransformForward, xs, ys, nullptr, nullptr));
+    EXPECT_TRUE(std::isinf(xs[0]));
+    EXPECT_NEAR(xs[1], 1113194.9079327357, 1e-6);
+}
+
+TEST(CrsTransformation, SeparateObjectsRunOnSeparateThreads) {
+    std::vector<Ptr<ICrsTransformation>> transformations;
+    for (int i = 0; i < 4; ++i) transformations.push_back(Transformation(4326, 32632));
+    std::vector<std::vector<double>> results(4);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&, i] {
+            std::vector<double> x(20000, 9.0), y(20000, 48.0);
+            transformations[i]->TransformArrays(x.size(), TransformForward, x.data(), y.data(), nullptr, nullptr);
+            results[i] = {x.front(), y.front(), x.back(), y.back()};
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    for (const auto& r : results) {
+        EXPECT_NEAR(r[0], 500000.0, 1e-6);
+        EXPECT_EQ(r, results[0]);
+    }
+}
