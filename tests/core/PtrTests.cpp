@@ -150,10 +150,10 @@ TEST(Ptr, IsNullOnAReleasedObjectReportsTheReclaimedAddress) {
     Ptr<IMapService> dangling = Ptr<IMapService>::Attach(raw);
     raw->AddReference();
     raw->Release();
-    raw->Release();  // freed while `dangling` still points at it
+    raw->Release(); // freed while `dangling` still points at it
     const std::string text = MessageOf([&] { (void)dangling.IsNull(); });
     EXPECT_EQ(text.rfind("Memory address [", 0), 0u) << text;
     EXPECT_NE(text.find("was already released somewhere else."), std::string::npos);
-    (void)dangling.Detach();  // nothing left to release
+    (void)dangling.Detach(); // nothing left to release
 }
 #endif

@@ -103,7 +103,7 @@ TEST(VariantDictionary, StoresCopiesAndReleasesThem) {
     EXPECT_FALSE(dictionary.Find("missing").has_value());
     EXPECT_EQ(dictionary.Find("a")->ToArray().Raw(), array.Raw());
 
-    dictionary.Set("a", Data::Variant(1.0));  // replacing releases the old payload
+    dictionary.Set("a", Data::Variant(1.0)); // replacing releases the old payload
     array->AddReference();
     EXPECT_EQ(array->Release(), 1u);
     dictionary.Set("b", Data::Variant::FromObject(array));

@@ -149,6 +149,5 @@ TEST(Variant, TextForms) {
     EXPECT_EQ(Variant::FromObject(json).ToDataString()->GetLength(), 7u);
     Core::Ptr<Data::Interfaces::IJsonDocument> emptyJson = Core::MakeObject<JsonDoc>("", false);
     EXPECT_EQ(Data::ToString(Variant::FromObject(emptyJson)), "{}");
-    EXPECT_EQ(Data::ToString(Variant::Owned(nullptr, S::TagXmlDocument)),
-              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>");
+    EXPECT_EQ(Data::ToString(Variant::Owned(nullptr, S::TagXmlDocument)), "<?xml version=\"1.0\" encoding=\"UTF-8\"?>");
 }

@@ -119,7 +119,9 @@ TEST(AppLogger, CorrelationIsPerThreadAndLinesReachTheDebugChannel) {
 }
 
 TEST(AppLogger, RuntimeUnits) {
-    const auto at = [](double seconds) { return Platform::Logger::FormatRuntime(static_cast<uint64_t>(seconds * 1e7)); };
+    const auto at = [](double seconds) {
+        return Platform::Logger::FormatRuntime(static_cast<uint64_t>(seconds * 1e7));
+    };
     EXPECT_STREQ(at(119).unit, "seconds");
     EXPECT_DOUBLE_EQ(at(119).value, 119.0);
     EXPECT_STREQ(at(121).unit, "minutes");

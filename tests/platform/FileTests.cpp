@@ -45,8 +45,8 @@ TEST(File, CreateFileGuardsAndUnsupportedAsync) {
     EXPECT_FALSE(_abi_CreateFile(nullptr, &file, GenericRead, 1, OpenExisting, 0, 0, 0, 0, error.ReceiveAddress()));
     EXPECT_STREQ(error->GetMessage(), "Pointer of char must not be null!");
     error.Reset();
-    EXPECT_FALSE(
-        _abi_CreateFile("/tmp", &file, GenericRead, 1, OpenExisting, 0, 0, FileFlagOverlapped, 0, error.ReceiveAddress()));
+    EXPECT_FALSE(_abi_CreateFile("/tmp", &file, GenericRead, 1, OpenExisting, 0, 0, FileFlagOverlapped, 0,
+                                 error.ReceiveAddress()));
     EXPECT_STREQ(error->GetMessage(), "Support for async files not yet implemented");
     EXPECT_EQ(file, nullptr);
 }

@@ -1,9 +1,9 @@
 #pragma once
 // A directory of its own for one test, removed with everything in it at the end.
+#include <stdlib.h>
+
 #include <filesystem>
 #include <string>
-
-#include <stdlib.h>
 
 namespace TestSupport {
 

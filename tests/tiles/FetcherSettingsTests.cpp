@@ -99,7 +99,7 @@ TEST(TmsFetcher, RangeChecks) {
         int32_t z, x, y;
         bool valid;
     } cases[] = {
-        {0, 0, 0, true}, {0, 1, 0, false}, {3, 7, 7, true},   {3, 8, 0, false}, {3, 0, 8, false},
+        {0, 0, 0, true},   {0, 1, 0, false},       {3, 7, 7, true},   {3, 8, 0, false},  {3, 0, 8, false},
         {3, -1, -5, true}, {20, 1048575, 0, true}, {21, 0, 0, false}, {-1, 0, 0, false},
     };
     for (const auto& c : cases) {

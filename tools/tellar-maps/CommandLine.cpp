@@ -100,7 +100,8 @@ void CheckCommand(const Options& o) {
     if (needsOutput) Require(o.output.has_value(), o.command + " needs -o FILE");
     if (o.command == "tile") Require(o.zoom && o.x && o.y, "tile needs --zoom, --x and --y");
     if (o.command == "mosaic") Require(o.zoom && o.bbox, "mosaic needs --zoom and --bbox");
-    if (o.command == "map" || o.command == "coverage") Require(o.bbox && o.size, o.command + " needs --bbox and --size");
+    if (o.command == "map" || o.command == "coverage")
+        Require(o.bbox && o.size, o.command + " needs --bbox and --size");
     if (o.command == "map") Require(o.kind == ServiceKind::Wms, "map needs a --wms service");
     if (o.command == "coverage") Require(o.kind == ServiceKind::Wcs, "coverage needs a --wcs service");
     if (o.command == "seed") {
@@ -121,7 +122,8 @@ Options ParseCommandLine(const std::vector<std::string>& args) {
         {"--wmts", [&](const std::string& v) { SetService(o, ServiceKind::Wmts, v); }},
         {"--wcs", [&](const std::string& v) { SetService(o, ServiceKind::Wcs, v); }},
         {"--epsg", [&](const std::string& v) { o.epsg = Integer<uint32_t>("--epsg", v, 1, 999999); }},
-        {"--target-epsg", [&](const std::string& v) { o.targetEpsg = Integer<uint32_t>("--target-epsg", v, 1, 999999); }},
+        {"--target-epsg",
+         [&](const std::string& v) { o.targetEpsg = Integer<uint32_t>("--target-epsg", v, 1, 999999); }},
         {"--layer", [&](const std::string& v) { o.layer = v; }},
         {"--style", [&](const std::string& v) { o.style = v; }},
         {"--format", [&](const std::string& v) { o.format = v; }},

@@ -14,8 +14,8 @@ double Radians(double degrees) { return degrees * Pi / 180.0; }
 // Value noise on a grid of `cells` cells around the world, so that it wraps at the antimeridian.
 double Lattice(int64_t i, int64_t j, int64_t cells, uint32_t seed) {
     i = ((i % cells) + cells) % cells;
-    uint64_t h = static_cast<uint64_t>(i) * 0x9E3779B97F4A7C15ULL ^ static_cast<uint64_t>(j + 1000003) * 0xC2B2AE3D27D4EB4FULL ^
-                 seed * 0x165667B19E3779F9ULL;
+    uint64_t h = static_cast<uint64_t>(i) * 0x9E3779B97F4A7C15ULL ^
+                 static_cast<uint64_t>(j + 1000003) * 0xC2B2AE3D27D4EB4FULL ^ seed * 0x165667B19E3779F9ULL;
     h ^= h >> 29;
     h *= 0xBF58476D1CE4E5B9ULL;
     h ^= h >> 32;
@@ -37,7 +37,7 @@ double Noise(double u, double v, int64_t cells, uint32_t seed) {
 double HeightAt(double longitude, double latitude) {
     // Sampled in Mercator units, so that features keep their shape on the map at every latitude.
     const double phi = Radians(std::clamp(latitude, -85.0, 85.0));
-    const double mercator = std::log(std::tan(Pi / 4 + phi / 2)) / (2 * Pi);  // -0.5 .. 0.5
+    const double mercator = std::log(std::tan(Pi / 4 + phi / 2)) / (2 * Pi); // -0.5 .. 0.5
     double sum = 0, amplitude = 1, total = 0;
     int64_t cells = 5;
     for (uint32_t octave = 0; octave < 9; ++octave) {
@@ -74,9 +74,7 @@ Colour Tint(double height) {
 
 double Longitude(double column, double tiles) { return column / tiles * 360.0 - 180.0; }
 
-double Latitude(double row, double tiles) {
-    return std::atan(std::sinh(Pi * (1.0 - 2.0 * row / tiles))) * 180.0 / Pi;
-}
+double Latitude(double row, double tiles) { return std::atan(std::sinh(Pi * (1.0 - 2.0 * row / tiles))) * 180.0 / Pi; }
 
 } // namespace
 
@@ -84,7 +82,7 @@ double ReliefHeight(double longitude, double latitude) { return HeightAt(longitu
 
 std::vector<uint8_t> RenderReliefTile(int32_t z, int32_t x, int32_t y) {
     const int32_t size = ReliefTileSize;
-    const double tiles = std::ldexp(1.0, z) * size;  // pixels across the world at this zoom
+    const double tiles = std::ldexp(1.0, z) * size; // pixels across the world at this zoom
     std::vector<uint8_t> pixels(static_cast<size_t>(size) * size * 4);
 
     // Heights on a grid one pixel larger than the tile, for the slope of every pixel.
@@ -100,7 +98,7 @@ std::vector<uint8_t> RenderReliefTile(int32_t z, int32_t x, int32_t y) {
 
     // Ground distance of one pixel in metres, so that the shading looks alike at every zoom.
     const double pixelMetres = 40075016.0 / tiles;
-    const double lightX = -0.5, lightY = -0.5, lightZ = 0.7071;  // from the north-west, 45 degrees up
+    const double lightX = -0.5, lightY = -0.5, lightZ = 0.7071; // from the north-west, 45 degrees up
     // Graticule lines at least about 64 pixels apart.
     double graticuleStep = 30.0;
     for (double step : {15.0, 10.0, 5.0, 2.0, 1.0, 0.5, 0.25, 0.1})
@@ -121,10 +119,10 @@ std::vector<uint8_t> RenderReliefTile(int32_t z, int32_t x, int32_t y) {
             colour = {colour.r * shade, colour.g * shade, colour.b * shade};
 
             // A graticule line where a multiple of the step falls inside this pixel.
-            const bool meridian = std::floor(longitudes[column] / graticuleStep) !=
-                                  std::floor(longitudes[column + 1] / graticuleStep);
-            const bool parallel = std::floor(latitudes[row] / graticuleStep) !=
-                                  std::floor(latitudes[row + 1] / graticuleStep);
+            const bool meridian =
+                std::floor(longitudes[column] / graticuleStep) != std::floor(longitudes[column + 1] / graticuleStep);
+            const bool parallel =
+                std::floor(latitudes[row] / graticuleStep) != std::floor(latitudes[row + 1] / graticuleStep);
             if (meridian || parallel) colour = Lerp(colour, {255, 255, 255}, 0.6);
 
             uint8_t* p = &pixels[(static_cast<size_t>(row) * size + column) * 4];

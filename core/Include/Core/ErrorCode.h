@@ -14,9 +14,9 @@ struct IErrorCode : IObject {
 
 // Codes written by the boundary guard.
 enum ErrorCodeKind : uint32_t {
-    ErrorCodeValue = 0,            // failure reported as a value by library code
-    ErrorCodeUncaught = 1,         // exception not derived from std::exception
-    ErrorCodeStdException = 2,     // std::exception, message is what()
+    ErrorCodeValue = 0,        // failure reported as a value by library code
+    ErrorCodeUncaught = 1,     // exception not derived from std::exception
+    ErrorCodeStdException = 2, // std::exception, message is what()
 };
 
 } // namespace Core

@@ -89,8 +89,7 @@ public:
     // Null gives true at once; otherwise the pointer must still address a live object.
     bool IsNull() const {
         if (!p_) return true;
-        if (detail::AddressIsReclaimed(p_) || dynamic_cast<const void*>(p_) == nullptr)
-            detail::ThrowInvalidAddress(p_);
+        if (detail::AddressIsReclaimed(p_) || dynamic_cast<const void*>(p_) == nullptr) detail::ThrowInvalidAddress(p_);
         return false;
     }
     explicit operator bool() const { return !IsNull(); }

@@ -19,14 +19,22 @@ namespace Data {
 template <class I>
 constexpr uint16_t VariantTagFor() {
     using namespace Structures;
-    if constexpr (std::is_same_v<I, Interfaces::IArray>) return TagArray;
-    else if constexpr (std::is_same_v<I, Interfaces::IString>) return TagString;
-    else if constexpr (std::is_same_v<I, Interfaces::IDateTime>) return TagDateTime;
-    else if constexpr (std::is_same_v<I, Interfaces::IJsonDocument>) return TagJsonDocument;
-    else if constexpr (std::is_same_v<I, Interfaces::IXmlDocument>) return TagXmlDocument;
-    else if constexpr (std::is_same_v<I, Core::IErrorCode>) return TagErrorCode;
-    else if constexpr (std::is_same_v<I, Interfaces::IObjectList>) return TagObjectList;
-    else return TagObject;
+    if constexpr (std::is_same_v<I, Interfaces::IArray>)
+        return TagArray;
+    else if constexpr (std::is_same_v<I, Interfaces::IString>)
+        return TagString;
+    else if constexpr (std::is_same_v<I, Interfaces::IDateTime>)
+        return TagDateTime;
+    else if constexpr (std::is_same_v<I, Interfaces::IJsonDocument>)
+        return TagJsonDocument;
+    else if constexpr (std::is_same_v<I, Interfaces::IXmlDocument>)
+        return TagXmlDocument;
+    else if constexpr (std::is_same_v<I, Core::IErrorCode>)
+        return TagErrorCode;
+    else if constexpr (std::is_same_v<I, Interfaces::IObjectList>)
+        return TagObjectList;
+    else
+        return TagObject;
 }
 
 namespace detail {

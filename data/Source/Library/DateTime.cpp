@@ -147,13 +147,18 @@ private:
     int64_t Zone() {
         if (Accept('Z') || Accept('z')) return 0;
         int sign = 0;
-        if (Accept('+')) sign = 1;
-        else if (Accept('-')) sign = -1;
-        else return 0;
+        if (Accept('+'))
+            sign = 1;
+        else if (Accept('-'))
+            sign = -1;
+        else
+            return 0;
         const int hours = Digits(2);
         int minutes = 0;
-        if (Accept(':')) minutes = Digits(2);
-        else if (pos_ < text_.size()) minutes = Digits(2);
+        if (Accept(':'))
+            minutes = Digits(2);
+        else if (pos_ < text_.size())
+            minutes = Digits(2);
         if (hours > 23 || minutes > 59) Fail();
         return sign * (hours * 3600 + minutes * 60);
     }

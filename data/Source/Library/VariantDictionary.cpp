@@ -67,8 +67,7 @@ private:
 } // namespace
 } // namespace Data::impl
 
-bool Data_CreateVariantDictionary(Data::Interfaces::IVariantDictionary** ppDictionary,
-                                  Core::IErrorCode** ppError) {
+bool Data_CreateVariantDictionary(Data::Interfaces::IVariantDictionary** ppDictionary, Core::IErrorCode** ppError) {
     return Core::AbiGuard(
         [&] {
             Core::CheckResultAddress(ppDictionary);

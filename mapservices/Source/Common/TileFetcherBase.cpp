@@ -87,7 +87,9 @@ std::string MakeCacheDirectory(const std::string& path, const char* function) {
 BoundingBoxValue TileFetcherBase::GetTileBounds(int32_t x, int32_t y, int32_t z) {
     const double n = std::pow(2.0, z);
     const auto longitude = [n](double column) { return column / n * 360.0 - 180.0; };
-    const auto latitude = [n](double row) { return std::atan(std::sinh(TilePi - 2.0 * (row / n) * TilePi)) * DegreesPerRadian; };
+    const auto latitude = [n](double row) {
+        return std::atan(std::sinh(TilePi - 2.0 * (row / n) * TilePi)) * DegreesPerRadian;
+    };
     BoundingBoxValue box;
     box.Extend(longitude(x), latitude(y));
     box.Extend(longitude(static_cast<double>(x) + 1), latitude(static_cast<double>(y) + 1));
@@ -183,9 +185,8 @@ std::string TileFetcherBase::GetMapTileDirPath(int32_t z) {
 }
 
 std::string TileFetcherBase::GetCachedTileFilePath(const std::string& directory, int32_t z, int32_t x, int32_t y) {
-    const std::string zoomDirectory =
-        MakeCacheDirectory(Core::StringFormat("%s/%d", directory.c_str(), z),
-                           "MapServices::impl::TileFetcherBase::GetCachedTileFilePath");
+    const std::string zoomDirectory = MakeCacheDirectory(Core::StringFormat("%s/%d", directory.c_str(), z),
+                                                         "MapServices::impl::TileFetcherBase::GetCachedTileFilePath");
     return Core::StringFormat("%s/%s", zoomDirectory.c_str(), GetTileFileName(z, x, y).c_str());
 }
 

@@ -12,7 +12,7 @@ bool CreateDll(const char* name, Interfaces::IDll** ppDll, Core::IErrorCode** pp
 
 struct StackTraceResult {
     std::string text;
-    Core::Ptr<Core::IErrorCode> error;  // null on success
+    Core::Ptr<Core::IErrorCode> error; // null on success
 };
 
 // The calling thread's stack, one line a frame:

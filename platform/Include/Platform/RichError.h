@@ -9,9 +9,9 @@ namespace Platform::Windows::RichError {
 // Error families, by the number stored in RichErrorCode::type.
 enum ErrorType : uint32_t {
     ErrorTypeNone = 0,
-    ErrorTypeWin32 = 1,      // errno values on this system
+    ErrorTypeWin32 = 1, // errno values on this system
     ErrorTypeNtStatus = 2,
-    ErrorTypeWinHttp = 3,    // transport errors, numbered as WinHTTP numbers them
+    ErrorTypeWinHttp = 3, // transport errors, numbered as WinHTTP numbers them
     ErrorTypeHResult = 4,
     ErrorTypeCustom = 5,
 };

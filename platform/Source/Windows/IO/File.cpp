@@ -166,10 +166,14 @@ int OpenFlags(uint32_t desiredAccess, uint32_t disposition) {
     int flags = O_CLOEXEC;
     const bool read = (desiredAccess & GenericRead) != 0;
     const bool write = (desiredAccess & GenericWrite) != 0;
-    if (read && write) flags |= O_RDWR;
-    else if (write) flags |= O_WRONLY;
-    else if (read) flags |= O_RDONLY;
-    else flags |= O_PATH;
+    if (read && write)
+        flags |= O_RDWR;
+    else if (write)
+        flags |= O_WRONLY;
+    else if (read)
+        flags |= O_RDONLY;
+    else
+        flags |= O_PATH;
     switch (disposition) {
     case CreateNew: flags |= O_CREAT | O_EXCL; break;
     case CreateAlways: flags |= O_CREAT | O_TRUNC; break;
@@ -210,13 +214,15 @@ bool _abi_CreateFile(const char* path, Interfaces::IFile** ppFile, uint32_t desi
 
             const Interfaces::FileHandle handle = ::open(path, impl::OpenFlags(desiredAccess, disposition), 0666);
             if (handle < 0) {
-                RichError::MakeWin32ErrorObject(static_cast<uint32_t>(errno),
-                                                Core::StringFormat("Failed to open or create file at location %s", path),
-                                                ppError);
+                RichError::MakeWin32ErrorObject(
+                    static_cast<uint32_t>(errno),
+                    Core::StringFormat("Failed to open or create file at location %s", path), ppError);
                 return;
             }
-            if (desiredAccess != 0) *ppFile = new impl::SyncFileImpl(handle, desiredAccess, shareMode);
-            else *ppFile = new impl::GenericFileImpl(handle, desiredAccess, shareMode);
+            if (desiredAccess != 0)
+                *ppFile = new impl::SyncFileImpl(handle, desiredAccess, shareMode);
+            else
+                *ppFile = new impl::GenericFileImpl(handle, desiredAccess, shareMode);
             opened = true;
         },
         ppError);

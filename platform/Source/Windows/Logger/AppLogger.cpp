@@ -1,3 +1,5 @@
+#include "Platform/AppLogger.h"
+
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -13,7 +15,6 @@
 #include "Core/ObjectImplBase.h"
 #include "Core/StringFormat.h"
 #include "Data/Values.h"
-#include "Platform/AppLogger.h"
 #include "Platform/DebugOutput.h"
 #include "Platform/Files.h"
 #include "Platform/Module.h"
@@ -157,7 +158,7 @@ public:
             localtime_r(&now, &local);
             char stamp[64];
             asctime_r(&local, stamp);
-            stamp[std::strlen(stamp) - 1] = '\0';  // asctime ends in a line feed
+            stamp[std::strlen(stamp) - 1] = '\0'; // asctime ends in a line feed
             line = Core::StringFormat("%s :: %s%s%s", stamp, text, suffix.c_str(), "\r\n");
         } else {
             line = Core::StringFormat("%s%s%s", text, suffix.c_str(), "\r\n");
@@ -190,8 +191,8 @@ public:
 
 private:
     bool CreateFile(const char* path) {
-        auto result = Windows::IO::AsSynchronousFile(Windows::IO::CreateFileForWriting(
-            path, Windows::IO::FileShareRead | Windows::IO::FileShareDelete));
+        auto result = Windows::IO::AsSynchronousFile(
+            Windows::IO::CreateFileForWriting(path, Windows::IO::FileShareRead | Windows::IO::FileShareDelete));
         if (!result.value.Raw()) return false;
         file_ = std::move(result.value);
         return true;

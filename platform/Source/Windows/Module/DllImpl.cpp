@@ -41,10 +41,10 @@ public:
             owned_ = true;
         }
         if (!module_ && name_.find('/') == std::string::npos) {
-            LogMessage(LogDebug, "Platform::Windows::Module::impl::DllImpl::DllImpl", "", 0,
-                       Core::StringFormat(
-                           "Failed to load dll [%s] directly. Trying with LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR",
-                           name_.c_str()));
+            LogMessage(
+                LogDebug, "Platform::Windows::Module::impl::DllImpl::DllImpl", "", 0,
+                Core::StringFormat("Failed to load dll [%s] directly. Trying with LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR",
+                                   name_.c_str()));
             const std::filesystem::path beside = OwnDirectory() / name_;
             if (!beside.parent_path().empty()) module_ = dlopen(beside.c_str(), RTLD_NOW);
         }

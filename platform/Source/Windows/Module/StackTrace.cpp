@@ -17,7 +17,8 @@ namespace {
 
 // Symbol tables are read once per process; the state lives as long as the process.
 backtrace_state* SymbolState() {
-    static backtrace_state* state = backtrace_create_state(nullptr, 1, [](void*, const char*, int) {}, nullptr);
+    static backtrace_state* state = backtrace_create_state(
+        nullptr, 1, [](void*, const char*, int) {}, nullptr);
     return state;
 }
 

@@ -28,7 +28,8 @@ std::string FormatNtStatusError(RichErrorCode error) {
 
 std::string FormatWinHttpError(RichErrorCode error) {
     const char* text = WinHttpErrorText(error.code);
-    return ComposeErrorText("WinHttp", error.code, text ? text : "<Error message could not be obtained from WinHttp.dll>");
+    return ComposeErrorText("WinHttp", error.code,
+                            text ? text : "<Error message could not be obtained from WinHttp.dll>");
 }
 
 std::string FormatHResultError(RichErrorCode error) {
