@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <png.h>
+#include <zlib.h>
 #include <tiff.h>
 
 #include "Core/AbiGuard.h"
@@ -315,6 +316,20 @@ TEST(DecodeErrors, CorruptAndTruncatedInputs) {
     Ptr<Core::IErrorCode> error;
     EXPECT_FALSE(OpenImageA(dir.File("none.png").c_str(), missing.ReceiveAddress(), error.ReceiveAddress()));
     EXPECT_NE(std::string(error->GetMessage()).find("none.png"), std::string::npos);
+}
+
+// A header that asks for more memory than any tile needs is refused before anything is allocated.
+TEST(DecodeErrors, OversizedPngHeader) {
+    Bytes png = TestImages::EncodePng(Spec(1, 1, PNG_COLOR_TYPE_RGB_ALPHA, 8, Bytes{1, 2, 3, 4}));
+    // IHDR data starts at byte 16: width and height, big-endian; its CRC follows the 13 bytes.
+    const uint32_t side = 60000;
+    for (int i = 0; i < 2; ++i)
+        for (int b = 0; b < 4; ++b) png[16 + 4 * i + b] = uint8_t(side >> (24 - 8 * b));
+    const uint32_t crc = uint32_t(crc32(0, png.data() + 12, 17));
+    for (int b = 0; b < 4; ++b) png[29 + b] = uint8_t(crc >> (24 - 8 * b));
+    Decoded d = Decode(png);
+    ASSERT_TRUE(d.error.Raw());
+    EXPECT_STREQ(d.error->GetMessage(), "Image of 60000x60000 pixels is too large");
 }
 
 TEST(DecodeErrors, BoundaryGuards) {

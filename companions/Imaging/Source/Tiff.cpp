@@ -172,7 +172,7 @@ Core::Ptr<ITiffImage2> DecodeTiff(const uint8_t* data, size_t size) {
     ErrorState state;
     auto options = Options(&state);
     MemoryFile file{data, size, 0};
-    TiffHandle tif(TIFFClientOpenExt("memory", "rm", &file, MemoryRead, MemoryWrite, MemorySeek, MemoryClose,
+    TiffHandle tif(TIFFClientOpenExt("memory", "r", &file, MemoryRead, MemoryWrite, MemorySeek, MemoryClose,
                                      MemorySize, MemoryMap, MemoryUnmap, options.get()));
     if (!tif) Fail(state, "cannot open");
 
