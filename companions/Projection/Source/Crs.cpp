@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 
 #include "Core/AbiGuard.h"
+#include "Core/Checked.h"
 #include "Core/ObjectImplBase.h"
 #include "Proj.h"
 #include "Tellar/Spatial/ProjectionExports.h"
@@ -50,7 +51,7 @@ public:
                 uint32_t code = 0;
                 const char* authority = proj_get_id_auth_name(crs.get(), 0);
                 const char* id = proj_get_id_code(crs.get(), 0);
-                if (authority && id && std::string(authority) == "EPSG") code = static_cast<uint32_t>(std::stoul(id));
+                if (authority && id && std::string(authority) == "EPSG") code = static_cast<uint32_t>(Core::Stoll(id));
                 *ppCrs = NewCrsObject(context_.get(), crs.get(), code);
             },
             ppError);

@@ -1,0 +1,99 @@
+// JPEG through libjpeg(-turbo). Its errors leave by longjmp: each step that may fail sets its
+// jump point in a function without C++ objects of its own, so nothing is skipped on the way back;
+// the decompressor is destroyed by its owner's destructor.
+#include <csetjmp>
+#include <cstdio>
+#include <stdexcept>
+#include <string>
+
+#include <jpeglib.h>
+
+#include "Codecs.h"
+
+namespace TellarImaging::impl {
+namespace {
+
+struct ErrorManager {
+    jpeg_error_mgr base;
+    jmp_buf jump;
+    char message[JMSG_LENGTH_MAX];
+    bool corrupt; // a warning about the data: taken as a failure
+};
+
+void OnError(j_common_ptr info) {
+    auto* manager = reinterpret_cast<ErrorManager*>(info->err);
+    info->err->format_message(info, manager->message);
+    std::longjmp(manager->jump, 1);
+}
+
+void OnMessage(j_common_ptr info, int level) {
+    auto* manager = reinterpret_cast<ErrorManager*>(info->err);
+    if (level < 0 && !manager->corrupt) {
+        manager->corrupt = true;
+        info->err->format_message(info, manager->message);
+    }
+}
+
+class JpegDecoder {
+public:
+    JpegDecoder() {
+        info_.err = jpeg_std_error(&errors_.base);
+        errors_.base.error_exit = OnError;
+        errors_.base.emit_message = OnMessage;
+        errors_.message[0] = '\0';
+        errors_.corrupt = false;
+    }
+    ~JpegDecoder() {
+        if (created_) jpeg_destroy_decompress(&info_);
+    }
+    JpegDecoder(const JpegDecoder&) = delete;
+    JpegDecoder& operator=(const JpegDecoder&) = delete;
+
+    // Reads the header and starts decompression to RGBA. False with Message() on failure.
+    bool Start(const uint8_t* data, size_t size) {
+        if (setjmp(errors_.jump)) return false;
+        jpeg_create_decompress(&info_);
+        created_ = true;
+        jpeg_mem_src(&info_, data, static_cast<unsigned long>(size));
+        jpeg_read_header(&info_, TRUE);
+        if (info_.jpeg_color_space == JCS_CMYK || info_.jpeg_color_space == JCS_YCCK) {
+            std::snprintf(errors_.message, sizeof errors_.message, "CMYK JPEG images are not supported");
+            return false;
+        }
+        info_.out_color_space = JCS_EXT_RGBA;
+        jpeg_start_decompress(&info_);
+        return true;
+    }
+
+    // Decodes all rows into `raster`, which has the output size. False with Message() on failure.
+    bool ReadRows(Raster* raster) {
+        if (setjmp(errors_.jump)) return false;
+        while (info_.output_scanline < info_.output_height) {
+            JSAMPROW row = raster->Row(int32_t(info_.output_scanline));
+            jpeg_read_scanlines(&info_, &row, 1);
+        }
+        jpeg_finish_decompress(&info_);
+        return !errors_.corrupt;
+    }
+
+    uint32_t Width() const { return info_.output_width; }
+    uint32_t Height() const { return info_.output_height; }
+    const char* Message() const { return errors_.message; }
+
+private:
+    jpeg_decompress_struct info_{};
+    ErrorManager errors_{};
+    bool created_ = false;
+};
+
+} // namespace
+
+Raster DecodeJpeg(const uint8_t* data, size_t size) {
+    JpegDecoder decoder;
+    if (!decoder.Start(data, size)) throw std::runtime_error(std::string("Invalid JPEG image: ") + decoder.Message());
+    Raster raster(decoder.Width(), decoder.Height(), 4, 8);
+    if (!decoder.ReadRows(&raster)) throw std::runtime_error(std::string("Invalid JPEG image: ") + decoder.Message());
+    return raster;
+}
+
+} // namespace TellarImaging::impl

@@ -1,0 +1,57 @@
+#pragma once
+// The pixel store behind every image, and the helpers shared by the codecs.
+#include <cstdint>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "TellarImaging/IImage.h"
+
+namespace TellarImaging::impl {
+
+// Decoded images larger than this are refused: a corrupt header must not ask for the moon.
+inline constexpr uint64_t MaxRasterBytes = uint64_t(1) << 32;
+
+struct Raster {
+    int32_t width = 0;
+    int32_t height = 0;
+    int32_t samplesPerPixel = 0;
+    int32_t bitsPerSample = 0;
+    std::vector<uint8_t> data; // packed rows, zero-filled on allocation
+
+    Raster() = default;
+    // Checks the size and allocates; throws for a size out of range.
+    Raster(int64_t width, int64_t height, int32_t samplesPerPixel, int32_t bitsPerSample);
+
+    size_t PixelBytes() const { return size_t(samplesPerPixel) * size_t(bitsPerSample / 8); }
+    size_t RowBytes() const { return PixelBytes() * size_t(width); }
+    uint8_t* Row(int32_t y) { return data.data() + size_t(y) * RowBytes(); }
+    const uint8_t* Row(int32_t y) const { return data.data() + size_t(y) * RowBytes(); }
+
+    // The rectangle (x, y, w, h), clipped to the raster, copied to the top left of a new raster
+    // of size (w, h).
+    Raster Copy(int32_t x, int32_t y, int32_t w, int32_t h) const;
+};
+
+// The named pixel data type of a layout, or PixelDataTypeUnknown.
+PixelDataType PixelDataTypeOf(int32_t samplesPerPixel, int32_t bitsPerSample, bool isFloat);
+
+// Samples, bits and float flag of a named type; false for an unknown type.
+bool LayoutOf(int32_t pixelDataType, int32_t* samplesPerPixel, int32_t* bitsPerSample, bool* isFloat);
+
+// Throws unless the layout is one the library keeps: 1 to 4 samples, integers of 8 or 16 bits
+// (kind 1 or 2), floats of 32 or 64 bits (kind 3).
+void CheckLayout(int32_t sampleKind, int32_t samplesPerPixel, int32_t bitsPerSample);
+
+// Georeference and descriptive fields read from or written to a TIFF file.
+struct TiffMetadata {
+    int32_t sampleKind = SampleKindUnsigned;
+    std::optional<std::vector<double>> transform; // scaleX, scaleY, originX, originY, skewX, skewY
+    uint32_t epsgCode = 0;
+    std::string description;
+    int32_t tileWidth = 0; // 0 for a file in strips
+    int32_t tileHeight = 0;
+};
+
+} // namespace TellarImaging::impl

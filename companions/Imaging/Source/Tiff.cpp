@@ -1,0 +1,319 @@
+// TIFF and GeoTIFF through libtiff and libgeotiff. Errors of libtiff are caught per handle by
+// the open options (no global handler, so threads don't share one), and become exceptions once
+// the call that failed is back in our code.
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <geo_normalize.h>
+#include <geotiff.h>
+#include <geovalues.h>
+#include <tiffio.h>
+#include <xtiffio.h>
+
+#include <fmt/format.h>
+
+#include "Codecs.h"
+#include "Core/AbiGuard.h"
+#include "Images.h"
+
+namespace TellarImaging::impl {
+namespace {
+
+// The GeoTIFF tags must be known to libtiff before the first file opens.
+void RegisterGeoTiffTags() {
+    static std::once_flag once;
+    std::call_once(once, [] { XTIFFInitialize(); });
+}
+
+struct ErrorState {
+    std::string message;
+};
+
+int OnTiffError(TIFF*, void* user, const char* module, const char* format, va_list args) {
+    auto* state = static_cast<ErrorState*>(user);
+    if (state->message.empty()) {
+        char text[512];
+        std::vsnprintf(text, sizeof text, format, args);
+        state->message = module && *module ? fmt::format("{}: {}", module, text) : text;
+    }
+    return 1;
+}
+
+int OnTiffWarning(TIFF*, void*, const char*, const char*, va_list) { return 1; }
+
+void OnGeoTiffError(GTIF*, int, const char*, ...) {}
+
+struct OptionsDeleter {
+    void operator()(TIFFOpenOptions* options) const noexcept { TIFFOpenOptionsFree(options); }
+};
+struct TiffDeleter {
+    void operator()(TIFF* tif) const noexcept { TIFFClose(tif); }
+};
+struct GtifDeleter {
+    void operator()(GTIF* gtif) const noexcept { GTIFFree(gtif); }
+};
+using TiffHandle = std::unique_ptr<TIFF, TiffDeleter>;
+using GtifHandle = std::unique_ptr<GTIF, GtifDeleter>;
+
+std::unique_ptr<TIFFOpenOptions, OptionsDeleter> Options(ErrorState* state) {
+    std::unique_ptr<TIFFOpenOptions, OptionsDeleter> options(TIFFOpenOptionsAlloc());
+    if (!options) throw std::bad_alloc();
+    TIFFOpenOptionsSetErrorHandlerExtR(options.get(), OnTiffError, state);
+    TIFFOpenOptionsSetWarningHandlerExtR(options.get(), OnTiffWarning, nullptr);
+    TIFFOpenOptionsSetMaxSingleMemAlloc(options.get(), tmsize_t(MaxRasterBytes));
+    return options;
+}
+
+[[noreturn]] void Fail(const ErrorState& state, const char* what) {
+    throw std::runtime_error(state.message.empty() ? fmt::format("Invalid TIFF image: {}", what)
+                                                   : fmt::format("Invalid TIFF image: {}", state.message));
+}
+
+// A read-only file in memory for TIFFClientOpen.
+struct MemoryFile {
+    const uint8_t* data;
+    uint64_t size;
+    uint64_t position;
+};
+
+tmsize_t MemoryRead(thandle_t handle, void* buffer, tmsize_t size) {
+    auto* file = static_cast<MemoryFile*>(handle);
+    if (size <= 0 || file->position >= file->size) return 0;
+    const uint64_t n = std::min<uint64_t>(uint64_t(size), file->size - file->position);
+    std::memcpy(buffer, file->data + file->position, size_t(n));
+    file->position += n;
+    return tmsize_t(n);
+}
+tmsize_t MemoryWrite(thandle_t, void*, tmsize_t) { return -1; }
+toff_t MemorySeek(thandle_t handle, toff_t offset, int whence) {
+    auto* file = static_cast<MemoryFile*>(handle);
+    uint64_t base = whence == SEEK_CUR ? file->position : whence == SEEK_END ? file->size : 0;
+    file->position = base + offset;
+    return file->position;
+}
+int MemoryClose(thandle_t) { return 0; }
+toff_t MemorySize(thandle_t handle) { return static_cast<MemoryFile*>(handle)->size; }
+int MemoryMap(thandle_t handle, void** base, toff_t* size) {
+    auto* file = static_cast<MemoryFile*>(handle);
+    *base = const_cast<uint8_t*>(file->data);
+    *size = file->size;
+    return 1;
+}
+void MemoryUnmap(thandle_t, void*, toff_t) {}
+
+// Transform and EPSG code from the GeoTIFF tags and keys, where the file has them.
+void ReadGeoreference(TIFF* tif, TiffMetadata* metadata) {
+    GtifHandle gtif(GTIFNewEx(tif, OnGeoTiffError, nullptr));
+    unsigned short rasterType = RasterPixelIsArea;
+    if (gtif) {
+        unsigned short code = 0;
+        if (GTIFKeyGetSHORT(gtif.get(), ProjectedCSTypeGeoKey, &code, 0, 1) && code != 0 && code != KvUserDefined)
+            metadata->epsgCode = code;
+        else if (GTIFKeyGetSHORT(gtif.get(), GeographicTypeGeoKey, &code, 0, 1) && code != 0 && code != KvUserDefined)
+            metadata->epsgCode = code;
+        GTIFKeyGetSHORT(gtif.get(), GTRasterTypeGeoKey, &rasterType, 0, 1);
+    }
+
+    uint16_t count = 0;
+    double* values = nullptr;
+    if (TIFFGetField(tif, TIFFTAG_GEOTRANSMATRIX, &count, &values) && count >= 16) {
+        metadata->transform = std::vector<double>{values[0], values[5], values[3], values[7], values[1], values[4]};
+    } else {
+        uint16_t scaleCount = 0, tieCount = 0;
+        double *scale = nullptr, *tie = nullptr;
+        if (TIFFGetField(tif, TIFFTAG_GEOPIXELSCALE, &scaleCount, &scale) && scaleCount >= 2 &&
+            TIFFGetField(tif, TIFFTAG_GEOTIEPOINTS, &tieCount, &tie) && tieCount >= 6) {
+            const double originX = tie[3] - tie[0] * scale[0];
+            const double originY = tie[4] + tie[1] * scale[1];
+            metadata->transform = std::vector<double>{scale[0], -scale[1], originX, originY, 0.0, 0.0};
+        }
+    }
+    // A point raster names pixel centres; the transform here names pixel corners.
+    if (metadata->transform && rasterType == RasterPixelIsPoint) {
+        auto& t = *metadata->transform;
+        t[2] -= 0.5 * (t[0] + t[4]);
+        t[3] -= 0.5 * (t[5] + t[1]);
+    }
+}
+
+// Copies one decoded block (a tile, or a strip as a tile as wide as the image) into the raster.
+void PlaceBlock(Raster* raster, const uint8_t* block, size_t blockBytes, int32_t blockWidth, int32_t x, int32_t y,
+                int32_t rows, bool separate, int32_t plane) {
+    const size_t sampleBytes = size_t(raster->bitsPerSample / 8);
+    const size_t pixelBytes = raster->PixelBytes();
+    const size_t blockPixelBytes = separate ? sampleBytes : pixelBytes;
+    const size_t stride = size_t(blockWidth) * blockPixelBytes;
+    const int32_t columns = std::min(blockWidth, raster->width - x);
+    if (size_t(rows - 1) * stride + size_t(columns) * blockPixelBytes > blockBytes)
+        throw std::runtime_error("Invalid TIFF image: truncated block");
+    for (int32_t r = 0; r < rows; ++r) {
+        const uint8_t* from = block + size_t(r) * stride;
+        uint8_t* to = raster->Row(y + r) + size_t(x) * pixelBytes;
+        if (!separate) {
+            std::memcpy(to, from, size_t(columns) * pixelBytes);
+            continue;
+        }
+        to += size_t(plane) * sampleBytes;
+        for (int32_t c = 0; c < columns; ++c, from += sampleBytes, to += pixelBytes) std::memcpy(to, from, sampleBytes);
+    }
+}
+
+} // namespace
+
+Core::Ptr<ITiffImage2> DecodeTiff(const uint8_t* data, size_t size) {
+    RegisterGeoTiffTags();
+    ErrorState state;
+    auto options = Options(&state);
+    MemoryFile file{data, size, 0};
+    TiffHandle tif(TIFFClientOpenExt("memory", "r", &file, MemoryRead, MemoryWrite, MemorySeek, MemoryClose,
+                                     MemorySize, MemoryMap, MemoryUnmap, options.get()));
+    if (!tif) Fail(state, "cannot open");
+
+    uint32_t width = 0, height = 0;
+    uint16_t samples = 1, bits = 1, format = SAMPLEFORMAT_UINT, planar = PLANARCONFIG_CONTIG;
+    uint16_t photometric = PHOTOMETRIC_MINISBLACK, compression = COMPRESSION_NONE;
+    if (!TIFFGetField(tif.get(), TIFFTAG_IMAGEWIDTH, &width) || !TIFFGetField(tif.get(), TIFFTAG_IMAGELENGTH, &height))
+        Fail(state, "missing image size");
+    TIFFGetFieldDefaulted(tif.get(), TIFFTAG_SAMPLESPERPIXEL, &samples);
+    TIFFGetFieldDefaulted(tif.get(), TIFFTAG_BITSPERSAMPLE, &bits);
+    TIFFGetFieldDefaulted(tif.get(), TIFFTAG_SAMPLEFORMAT, &format);
+    TIFFGetFieldDefaulted(tif.get(), TIFFTAG_PLANARCONFIG, &planar);
+    TIFFGetFieldDefaulted(tif.get(), TIFFTAG_PHOTOMETRIC, &photometric);
+    TIFFGetFieldDefaulted(tif.get(), TIFFTAG_COMPRESSION, &compression);
+
+    TiffMetadata metadata;
+    metadata.sampleKind = format;
+    CheckLayout(metadata.sampleKind, samples, bits);
+    if (photometric == PHOTOMETRIC_YCBCR) {
+        if (compression != COMPRESSION_JPEG) throw std::runtime_error("Unsupported TIFF image: YCbCr without JPEG");
+        TIFFSetField(tif.get(), TIFFTAG_JPEGCOLORMODE, JPEGCOLORMODE_RGB);
+    }
+
+    Raster raster(width, height, samples, bits);
+    const bool tiled = TIFFIsTiled(tif.get());
+    uint32_t blockWidth = width, blockHeight = height;
+    if (tiled) {
+        TIFFGetField(tif.get(), TIFFTAG_TILEWIDTH, &blockWidth);
+        TIFFGetField(tif.get(), TIFFTAG_TILELENGTH, &blockHeight);
+    } else {
+        TIFFGetFieldDefaulted(tif.get(), TIFFTAG_ROWSPERSTRIP, &blockHeight);
+        blockHeight = std::min(blockHeight, height);
+    }
+    if (blockWidth == 0 || blockHeight == 0 || blockWidth > INT32_MAX || blockHeight > INT32_MAX)
+        Fail(state, "invalid block size");
+
+    const bool separate = planar == PLANARCONFIG_SEPARATE && samples > 1;
+    const tmsize_t blockBytes = tiled ? TIFFTileSize(tif.get()) : TIFFStripSize(tif.get());
+    if (blockBytes <= 0) Fail(state, "invalid block size");
+    std::vector<uint8_t> block(static_cast<size_t>(blockBytes));
+    for (uint16_t plane = 0; plane < (separate ? samples : 1); ++plane) {
+        for (uint32_t y = 0; y < height; y += blockHeight) {
+            for (uint32_t x = 0; x < width; x += blockWidth) {
+                const tmsize_t got =
+                    tiled ? TIFFReadEncodedTile(tif.get(), TIFFComputeTile(tif.get(), x, y, 0, plane), block.data(),
+                                                blockBytes)
+                          : TIFFReadEncodedStrip(tif.get(), TIFFComputeStrip(tif.get(), y, plane), block.data(),
+                                                 blockBytes);
+                if (got < 0) Fail(state, "cannot read pixel data");
+                const int32_t rows = int32_t(std::min(blockHeight, height - y));
+                PlaceBlock(&raster, block.data(), size_t(got), int32_t(blockWidth), int32_t(x), int32_t(y), rows,
+                           separate, plane);
+            }
+        }
+    }
+
+    char* description = nullptr;
+    if (TIFFGetField(tif.get(), TIFFTAG_IMAGEDESCRIPTION, &description) && description)
+        metadata.description = description;
+    if (tiled) {
+        metadata.tileWidth = int32_t(blockWidth);
+        metadata.tileHeight = int32_t(blockHeight);
+    }
+    ReadGeoreference(tif.get(), &metadata);
+    return NewTiffImage(std::move(raster), metadata);
+}
+
+void EncodeTiff(IImage* image, const std::string& path) {
+    RegisterGeoTiffTags();
+    const int32_t width = image->GetWidth(), height = image->GetHeight();
+    const int32_t samples = image->GetSamplesPerPixel(), bits = image->GetBitsPerSample();
+    auto* tiff = dynamic_cast<ITiffImage2*>(image);
+    auto* plainTiff = tiff ? tiff : dynamic_cast<ITiffImage*>(image);
+    int32_t kind = plainTiff ? plainTiff->GetSampleKind() : (bits >= 32 ? SampleKindFloat : SampleKindUnsigned);
+    CheckLayout(kind, samples, bits);
+    if (width <= 0 || height <= 0) throw std::runtime_error("TIFF can't hold an empty image");
+
+    Core::Ptr<ITransform> transform;
+    uint32_t epsg = 0;
+    if (plainTiff) {
+        Core::Ptr<Core::IErrorCode> error;
+        plainTiff->GetTransform(transform.ReceiveAddress(), error.ReceiveAddress());
+        Core::ThrowIfError(error);
+        epsg = plainTiff->GetEpsgCode();
+        if (epsg > 32766) throw std::runtime_error(fmt::format("EPSG code {} does not fit a GeoTIFF key", epsg));
+    }
+
+    ErrorState state;
+    auto options = Options(&state);
+    TiffHandle tif(TIFFOpenExt(path.c_str(), "w", options.get()));
+    if (!tif) throw std::runtime_error(fmt::format("Failed to create TIFF file {}: {}", path, state.message));
+    TIFF* t = tif.get();
+    TIFFSetField(t, TIFFTAG_IMAGEWIDTH, uint32_t(width));
+    TIFFSetField(t, TIFFTAG_IMAGELENGTH, uint32_t(height));
+    TIFFSetField(t, TIFFTAG_SAMPLESPERPIXEL, uint16_t(samples));
+    TIFFSetField(t, TIFFTAG_BITSPERSAMPLE, uint16_t(bits));
+    TIFFSetField(t, TIFFTAG_SAMPLEFORMAT, uint16_t(kind));
+    TIFFSetField(t, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
+    TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_ADOBE_DEFLATE);
+    const bool colour = kind != SampleKindFloat && samples >= 3;
+    TIFFSetField(t, TIFFTAG_PHOTOMETRIC, colour ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK);
+    const int32_t extra = samples - (colour ? 3 : 1);
+    if (extra > 0) {
+        // The last sample of a grey-alpha or RGBA integer image is alpha; float samples are data.
+        uint16_t types[3] = {EXTRASAMPLE_UNSPECIFIED, EXTRASAMPLE_UNSPECIFIED, EXTRASAMPLE_UNSPECIFIED};
+        if (kind != SampleKindFloat) types[extra - 1] = EXTRASAMPLE_UNASSALPHA;
+        TIFFSetField(t, TIFFTAG_EXTRASAMPLES, uint16_t(extra), types);
+    }
+    TIFFSetField(t, TIFFTAG_ROWSPERSTRIP, TIFFDefaultStripSize(t, 0));
+    if (tiff && *tiff->GetTextProperty()) TIFFSetField(t, TIFFTAG_IMAGEDESCRIPTION, tiff->GetTextProperty());
+
+    if (transform.Raw()) {
+        double sx, sy, ox, oy, kx, ky;
+        transform->GetParams(&sx, &sy, &ox, &oy, &kx, &ky);
+        if (kx == 0.0 && ky == 0.0 && sy < 0.0) {
+            double scale[3] = {sx, -sy, 0.0};
+            double tie[6] = {0.0, 0.0, 0.0, ox, oy, 0.0};
+            TIFFSetField(t, TIFFTAG_GEOPIXELSCALE, 3, scale);
+            TIFFSetField(t, TIFFTAG_GEOTIEPOINTS, 6, tie);
+        } else {
+            double matrix[16] = {sx, kx, 0, ox, ky, sy, 0, oy, 0, 0, 0, 0, 0, 0, 0, 1};
+            TIFFSetField(t, TIFFTAG_GEOTRANSMATRIX, 16, matrix);
+        }
+    }
+    if (transform.Raw() || epsg) {
+        GtifHandle gtif(GTIFNewEx(t, OnGeoTiffError, nullptr));
+        if (!gtif) throw std::runtime_error("Failed to write GeoTIFF keys");
+        const bool geographic = epsg && GTIFGetGCSInfo(int(epsg), nullptr, nullptr, nullptr, nullptr);
+        GTIFKeySet(gtif.get(), GTModelTypeGeoKey, TYPE_SHORT, 1, geographic ? ModelTypeGeographic : ModelTypeProjected);
+        GTIFKeySet(gtif.get(), GTRasterTypeGeoKey, TYPE_SHORT, 1, RasterPixelIsArea);
+        if (epsg)
+            GTIFKeySet(gtif.get(), geographic ? GeographicTypeGeoKey : ProjectedCSTypeGeoKey, TYPE_SHORT, 1, int(epsg));
+        if (!GTIFWriteKeys(gtif.get())) throw std::runtime_error("Failed to write GeoTIFF keys");
+    }
+
+    for (int32_t y = 0; y < height; ++y) {
+        if (TIFFWriteScanline(t, image->GetPixelPointer(0, y), uint32_t(y), 0) < 0)
+            throw std::runtime_error(fmt::format("Failed to write TIFF file {}: {}", path, state.message));
+    }
+    if (!TIFFFlush(t))
+        throw std::runtime_error(fmt::format("Failed to write TIFF file {}: {}", path, state.message));
+}
+
+} // namespace TellarImaging::impl

@@ -1,0 +1,348 @@
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <png.h>
+#include <zlib.h>
+#include <tiff.h>
+
+#include "Core/AbiGuard.h"
+#include "ImageWriters.h"
+#include "TellarImaging/Exports.h"
+#include "TempDir.h"
+
+using namespace TellarImaging;
+using Core::Ptr;
+using TestImages::Bytes;
+
+namespace {
+
+struct Decoded {
+    Ptr<IImage> image;
+    Ptr<Core::IErrorCode> error;
+};
+
+Decoded Decode(const Bytes& bytes) {
+    Decoded d;
+    CreateImageFromMemoryStream(bytes.data(), bytes.size(), d.image.ReceiveAddress(), d.error.ReceiveAddress());
+    return d;
+}
+
+Ptr<IImage> DecodeOk(const Bytes& bytes) {
+    Decoded d = Decode(bytes);
+    Core::ThrowIfError(d.error);
+    EXPECT_TRUE(d.image.Raw());
+    return d.image;
+}
+
+TestImages::PngLayout Layout(int width, int height, int colorType, int bitDepth, Bytes rows) {
+    TestImages::PngLayout layout;
+    layout.width = width;
+    layout.height = height;
+    layout.colorType = colorType;
+    layout.bitDepth = bitDepth;
+    layout.rows = std::move(rows);
+    return layout;
+}
+
+const uint8_t* Pixel(IImage* image, int x, int y) { return static_cast<const uint8_t*>(image->GetPixelPointer(x, y)); }
+
+void ExpectRgba(IImage* image, int x, int y, std::vector<int> expect, int tolerance = 0) {
+    const uint8_t* p = Pixel(image, x, y);
+    ASSERT_NE(p, nullptr);
+    for (int i = 0; i < 4; ++i) EXPECT_NEAR(p[i], expect[i], tolerance) << "pixel " << x << "," << y << " sample " << i;
+}
+
+Bytes Gradient(int width, int height, int components) {
+    Bytes pixels(size_t(width) * height * components);
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x)
+            for (int c = 0; c < components; ++c)
+                pixels[(size_t(y) * width + x) * components + c] = uint8_t((x * 4 + y * 2 + c * 60) & 0xff);
+    return pixels;
+}
+
+} // namespace
+
+// Every PNG colour type and bit depth comes out as RGBA with 8 bits.
+TEST(DecodePng, AllColourTypesAndDepthsBecomeRgba8) {
+    struct Case {
+        const char* name;
+        TestImages::PngLayout layout;
+        std::vector<std::vector<int>> expect; // RGBA of pixels 0..3 of the single row
+    };
+    std::vector<Case> cases;
+    auto row = [](std::initializer_list<int> bytes) { return Bytes(bytes.begin(), bytes.end()); };
+    cases.push_back({"grey 1", Layout(4, 1, PNG_COLOR_TYPE_GRAY, 1, row({0b10100000})), {{255, 255, 255, 255}, {0, 0, 0, 255}, {255, 255, 255, 255}, {0, 0, 0, 255}}});
+    cases.push_back({"grey 2", Layout(4, 1, PNG_COLOR_TYPE_GRAY, 2, row({0b00011011})), {{0, 0, 0, 255}, {85, 85, 85, 255}, {170, 170, 170, 255}, {255, 255, 255, 255}}});
+    cases.push_back({"grey 4", Layout(4, 1, PNG_COLOR_TYPE_GRAY, 4, row({0x0f, 0x18})), {{0, 0, 0, 255}, {255, 255, 255, 255}, {17, 17, 17, 255}, {136, 136, 136, 255}}});
+    cases.push_back({"grey 8", Layout(4, 1, PNG_COLOR_TYPE_GRAY, 8, row({0, 10, 200, 255})), {{0, 0, 0, 255}, {10, 10, 10, 255}, {200, 200, 200, 255}, {255, 255, 255, 255}}});
+    cases.push_back({"grey 16", Layout(4, 1, PNG_COLOR_TYPE_GRAY, 16, row({0, 0, 0xff, 0xff, 0x80, 0x80, 0x0a, 0x0a})), {{0, 0, 0, 255}, {255, 255, 255, 255}, {128, 128, 128, 255}, {10, 10, 10, 255}}});
+    cases.push_back({"grey alpha 8", Layout(4, 1, PNG_COLOR_TYPE_GRAY_ALPHA, 8, row({10, 0, 20, 128, 30, 255, 40, 1})), {{10, 10, 10, 0}, {20, 20, 20, 128}, {30, 30, 30, 255}, {40, 40, 40, 1}}});
+    cases.push_back({"rgb 8", Layout(4, 1, PNG_COLOR_TYPE_RGB, 8, row({1, 2, 3, 4, 5, 6, 7, 8, 9, 250, 251, 252})), {{1, 2, 3, 255}, {4, 5, 6, 255}, {7, 8, 9, 255}, {250, 251, 252, 255}}});
+    cases.push_back({"rgb 16", Layout(4, 1, PNG_COLOR_TYPE_RGB, 16, row({0xff, 0xff, 0, 0, 0x80, 0x80, 0, 0, 0xff, 0xff, 0, 0, 0, 0, 0, 0, 0xff, 0xff, 0x20, 0x20, 0x40, 0x40, 0x60, 0x60})), {{255, 0, 128, 255}, {0, 255, 0, 255}, {0, 0, 255, 255}, {32, 64, 96, 255}}});
+    cases.push_back({"rgba 8", Layout(4, 1, PNG_COLOR_TYPE_RGB_ALPHA, 8, row({1, 2, 3, 0, 4, 5, 6, 100, 7, 8, 9, 200, 10, 11, 12, 255})), {{1, 2, 3, 0}, {4, 5, 6, 100}, {7, 8, 9, 200}, {10, 11, 12, 255}}});
+    cases.push_back({"rgba 16", Layout(4, 1, PNG_COLOR_TYPE_RGB_ALPHA, 16, row({0xff, 0xff, 0, 0, 0, 0, 0xff, 0xff, 0, 0, 0xff, 0xff, 0, 0, 0x80, 0x80, 0, 0, 0, 0, 0xff, 0xff, 0, 0, 0x10, 0x10, 0x20, 0x20, 0x30, 0x30, 0xff, 0xff})), {{255, 0, 0, 255}, {0, 255, 0, 128}, {0, 0, 255, 0}, {16, 32, 48, 255}}});
+    {
+        TestImages::PngLayout palette = Layout(4, 1, PNG_COLOR_TYPE_PALETTE, 2, row({0b00011011}));
+        palette.palette = {255, 0, 0, 0, 255, 0, 0, 0, 255, 10, 20, 30};
+        palette.paletteAlpha = {255, 128, 0};
+        cases.push_back({"palette 2 with alpha", palette, {{255, 0, 0, 255}, {0, 255, 0, 128}, {0, 0, 255, 0}, {10, 20, 30, 255}}});
+        TestImages::PngLayout palette8 = Layout(4, 1, PNG_COLOR_TYPE_PALETTE, 8, row({3, 2, 1, 0}));
+        palette8.palette = palette.palette;
+        cases.push_back({"palette 8", palette8, {{10, 20, 30, 255}, {0, 0, 255, 255}, {0, 255, 0, 255}, {255, 0, 0, 255}}});
+        TestImages::PngLayout palette1 = Layout(4, 1, PNG_COLOR_TYPE_PALETTE, 1, row({0b01100000}));
+        palette1.palette = {0, 0, 0, 200, 100, 50};
+        cases.push_back({"palette 1", palette1, {{0, 0, 0, 255}, {200, 100, 50, 255}, {200, 100, 50, 255}, {0, 0, 0, 255}}});
+    }
+    {
+        TestImages::PngLayout keyed = Layout(4, 1, PNG_COLOR_TYPE_GRAY, 8, row({7, 8, 7, 9}));
+        keyed.grayKey = true;
+        keyed.keyGray = 7;
+        cases.push_back({"grey with key colour", keyed, {{7, 7, 7, 0}, {8, 8, 8, 255}, {7, 7, 7, 0}, {9, 9, 9, 255}}});
+        TestImages::PngLayout keyedRgb = Layout(4, 1, PNG_COLOR_TYPE_RGB, 8, row({1, 2, 3, 1, 2, 4, 1, 2, 3, 0, 0, 0}));
+        keyedRgb.grayKey = true;
+        keyedRgb.keyRed = 1;
+        keyedRgb.keyGreen = 2;
+        keyedRgb.keyBlue = 3;
+        cases.push_back({"rgb with key colour", keyedRgb, {{1, 2, 3, 0}, {1, 2, 4, 255}, {1, 2, 3, 0}, {0, 0, 0, 255}}});
+    }
+
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        Ptr<IImage> image = DecodeOk(TestImages::EncodePng(c.layout));
+        ASSERT_TRUE(image.Raw());
+        EXPECT_EQ(image->GetWidth(), 4);
+        EXPECT_EQ(image->GetHeight(), 1);
+        EXPECT_EQ(image->GetSamplesPerPixel(), 4);
+        EXPECT_EQ(image->GetBitsPerSample(), 8);
+        EXPECT_EQ(dynamic_cast<ITiffImage*>(image.Raw()), nullptr);
+        for (int x = 0; x < 4; ++x) ExpectRgba(image.Raw(), x, 0, c.expect[x], c.layout.bitDepth == 16 ? 1 : 0);
+    }
+}
+
+TEST(DecodePng, InterlacedImage) {
+    const int w = 13, h = 11;
+    const Bytes rgba = Gradient(w, h, 4);
+    TestImages::PngLayout layout = Layout(w, h, PNG_COLOR_TYPE_RGB_ALPHA, 8, rgba);
+    layout.interlaced = true;
+    Ptr<IImage> image = DecodeOk(TestImages::EncodePng(layout));
+    ASSERT_TRUE(image.Raw());
+    EXPECT_EQ(std::memcmp(image->GetPixelPointer(0, 0), rgba.data(), rgba.size()), 0);
+}
+
+TEST(DecodeJpeg, ColourAndGreyBecomeRgba8) {
+    const int w = 64, h = 48;
+    for (int components : {3, 1}) {
+        SCOPED_TRACE(components);
+        Bytes source(size_t(w) * h * components);
+        for (size_t i = 0; i < source.size(); ++i) {
+            const size_t pixel = i / components, x = pixel % w, y = pixel / w;
+            source[i] = uint8_t(20 + x + y + (i % components) * 40); // smooth: no edges for JPEG to ring at
+        }
+        Ptr<IImage> image = DecodeOk(TestImages::EncodeJpeg(w, h, components, source, 98));
+        ASSERT_TRUE(image.Raw());
+        EXPECT_EQ(image->GetWidth(), w);
+        EXPECT_EQ(image->GetHeight(), h);
+        EXPECT_EQ(image->GetSamplesPerPixel(), 4);
+        int worst = 0;
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x) {
+                const uint8_t* p = Pixel(image.Raw(), x, y);
+                for (int c = 0; c < 3; ++c) {
+                    const int expect = source[(size_t(y) * w + x) * components + (components == 3 ? c : 0)];
+                    worst = std::max(worst, std::abs(int(p[c]) - expect));
+                }
+                ASSERT_EQ(p[3], 255);
+            }
+        EXPECT_LE(worst, 12);
+    }
+}
+
+TEST(DecodeWebp, LosslessIsExactAndLossyIsClose) {
+    const int w = 40, h = 30;
+    Bytes rgba = Gradient(w, h, 4);
+    for (size_t i = 3; i < rgba.size(); i += 4) rgba[i] = uint8_t(i % 7 == 0 ? 1 : 255);
+    Ptr<IImage> lossless = DecodeOk(TestImages::EncodeWebpRgba(w, h, rgba, true));
+    ASSERT_TRUE(lossless.Raw());
+    ASSERT_EQ(lossless->GetWidth(), w);
+    EXPECT_EQ(std::memcmp(lossless->GetPixelPointer(0, 0), rgba.data(), rgba.size()), 0);
+
+    const Bytes opaque = Gradient(w, h, 3);
+    Bytes opaqueRgba;
+    for (size_t i = 0; i < opaque.size(); i += 3) opaqueRgba.insert(opaqueRgba.end(), {opaque[i], opaque[i + 1], opaque[i + 2], 255});
+    Ptr<IImage> lossy = DecodeOk(TestImages::EncodeWebpRgba(w, h, opaqueRgba, false));
+    ASSERT_TRUE(lossy.Raw());
+    ExpectRgba(lossy.Raw(), 20, 15, {opaqueRgba[(15 * w + 20) * 4], opaqueRgba[(15 * w + 20) * 4 + 1], opaqueRgba[(15 * w + 20) * 4 + 2], 255}, 24);
+}
+
+TEST(DecodeTiff, StripsAndTilesOfEveryLayout) {
+    TestSupport::TempDir dir;
+    struct Case {
+        const char* name;
+        int samples, bits, format;
+        bool tiled, separate;
+        int compression;
+        int32_t pixelDataType;
+    };
+    const Case cases[] = {
+        {"grey 8 strips", 1, 8, SAMPLEFORMAT_UINT, false, false, 1, PixelDataTypeGray8},
+        {"grey 8 tiles deflate", 1, 8, SAMPLEFORMAT_UINT, true, false, 8, PixelDataTypeGray8},
+        {"int16 strips lzw", 1, 16, SAMPLEFORMAT_INT, false, false, 5, PixelDataTypeGray16},
+        {"rgb 16 tiles", 3, 16, SAMPLEFORMAT_UINT, true, false, 8, PixelDataTypeRgb48},
+        {"rgba 8 separate planes", 4, 8, SAMPLEFORMAT_UINT, false, true, 8, PixelDataTypeRgba32},
+        {"float32 tiles", 1, 32, SAMPLEFORMAT_IEEEFP, true, false, 8, PixelDataTypeFloat32},
+        {"float32 separate tiles", 2, 32, SAMPLEFORMAT_IEEEFP, true, true, 1, PixelDataTypeFloat32x2},
+        {"float64 strips", 1, 64, SAMPLEFORMAT_IEEEFP, false, false, 8, PixelDataTypeFloat64},
+        {"float64 three samples", 3, 64, SAMPLEFORMAT_IEEEFP, false, false, 1, PixelDataTypeFloat64x3},
+        {"grey alpha 16", 2, 16, SAMPLEFORMAT_UINT, false, false, 8, PixelDataTypeGrayAlpha32},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        TestImages::TiffSpec layout;
+        layout.width = 37; // not a multiple of the tile width: edge tiles are partly outside
+        layout.height = 21;
+        layout.samples = c.samples;
+        layout.bits = c.bits;
+        layout.sampleFormat = c.format;
+        layout.tiled = c.tiled;
+        layout.separate = c.separate;
+        layout.compression = c.compression;
+        const size_t pixelBytes = size_t(c.samples * c.bits / 8);
+        layout.pixels.resize(pixelBytes * layout.width * layout.height);
+        for (size_t i = 0; i < layout.pixels.size(); ++i) layout.pixels[i] = uint8_t((i * 31 + i / 7) & 0xff);
+        const std::string path = dir.File(std::string(c.name) + ".tif");
+        const Bytes bytes = TestImages::EncodeTiff(layout, path);
+
+        Ptr<IImage> image = DecodeOk(bytes);
+        ASSERT_TRUE(image.Raw());
+        auto* tiff = dynamic_cast<ITiffImage2*>(image.Raw());
+        ASSERT_NE(tiff, nullptr);
+        EXPECT_EQ(image->GetWidth(), layout.width);
+        EXPECT_EQ(image->GetHeight(), layout.height);
+        EXPECT_EQ(image->GetSamplesPerPixel(), c.samples);
+        EXPECT_EQ(image->GetBitsPerSample(), c.bits);
+        EXPECT_EQ(tiff->GetSampleKind(), c.format);
+        EXPECT_EQ(tiff->GetPixelDataType(), c.pixelDataType);
+        EXPECT_EQ(std::memcmp(image->GetPixelPointer(0, 0), layout.pixels.data(), layout.pixels.size()), 0);
+        EXPECT_EQ(dynamic_cast<ITiledTiffImage*>(image.Raw()) != nullptr, c.tiled);
+
+        // The same through a file.
+        Ptr<IImage> opened;
+        ASSERT_TRUE(OpenImageA(path.c_str(), opened.ReceiveAddress(), nullptr));
+        EXPECT_EQ(std::memcmp(opened->GetPixelPointer(0, 0), layout.pixels.data(), layout.pixels.size()), 0);
+    }
+}
+
+TEST(DecodeTiff, TilesOfATiledImage) {
+    TestSupport::TempDir dir;
+    TestImages::TiffSpec layout;
+    layout.width = 40;
+    layout.height = 20;
+    layout.tiled = true;
+    layout.pixels.resize(40 * 20);
+    for (size_t i = 0; i < layout.pixels.size(); ++i) layout.pixels[i] = uint8_t(i % 251 + 1);
+    Ptr<IImage> image = DecodeOk(TestImages::EncodeTiff(layout, dir.File("t.tif")));
+    auto* tiled = dynamic_cast<ITiledTiffImage*>(image.Raw());
+    ASSERT_NE(tiled, nullptr);
+    EXPECT_EQ(tiled->GetTileWidth(), 16);
+    EXPECT_EQ(tiled->GetTileRowBytes(), 16);
+    EXPECT_EQ(tiled->GetTileByteCount(), 256);
+    EXPECT_EQ(tiled->GetTilesAcross(), 3);
+    EXPECT_EQ(tiled->GetTilesDown(), 2);
+
+    Ptr<IImage> tile;
+    ASSERT_TRUE(tiled->GetTile(2, 1, tile.ReceiveAddress(), nullptr));
+    EXPECT_EQ(tile->GetWidth(), 16);
+    EXPECT_EQ(tile->GetHeight(), 16);
+    // Tile (2, 1) starts at pixel (32, 16); past column 39 and row 19 it is padding.
+    EXPECT_EQ(*Pixel(tile.Raw(), 0, 0), layout.pixels[16 * 40 + 32]);
+    EXPECT_EQ(*Pixel(tile.Raw(), 7, 3), layout.pixels[19 * 40 + 39]);
+    EXPECT_EQ(*Pixel(tile.Raw(), 8, 3), 0);
+    EXPECT_EQ(*Pixel(tile.Raw(), 0, 4), 0);
+
+    Ptr<IImage> outside;
+    Ptr<Core::IErrorCode> error;
+    EXPECT_FALSE(tiled->GetTile(3, 0, outside.ReceiveAddress(), error.ReceiveAddress()));
+    EXPECT_STREQ(error->GetMessage(), "Tile (3, 0) is outside the image");
+}
+
+// Broken inputs of every format end in an error object, never in a crash or a leak.
+TEST(DecodeErrors, CorruptAndTruncatedInputs) {
+    TestSupport::TempDir dir;
+    const Bytes rgba = Gradient(32, 32, 4);
+    TestImages::PngLayout pngSpec = Layout(32, 32, PNG_COLOR_TYPE_RGB_ALPHA, 8, rgba);
+    TestImages::TiffSpec tiffSpec;
+    tiffSpec.width = 32;
+    tiffSpec.height = 32;
+    tiffSpec.compression = 8;
+    tiffSpec.rowsPerStrip = 32;
+    tiffSpec.pixels = Gradient(32, 32, 1);
+    const struct {
+        const char* name;
+        Bytes bytes;
+    } valid[] = {
+        {"png", TestImages::EncodePng(pngSpec)},
+        {"jpeg", TestImages::EncodeJpeg(32, 32, 3, Gradient(32, 32, 3), 90)},
+        {"webp", TestImages::EncodeWebpRgba(32, 32, rgba, true)},
+        {"tiff", TestImages::EncodeTiff(tiffSpec, dir.File("c.tif"))},
+    };
+    for (const auto& v : valid) {
+        SCOPED_TRACE(v.name);
+        ASSERT_TRUE(Decode(v.bytes).image.Raw());
+        std::vector<std::pair<std::string, Bytes>> broken;
+        for (size_t keep : {v.bytes.size() / 2, v.bytes.size() * 9 / 10, size_t(20), size_t(4)})
+            broken.push_back({"truncated to " + std::to_string(keep), Bytes(v.bytes.begin(), v.bytes.begin() + keep)});
+        // Garbage from byte 8 on: past the signature, into the header and the data.
+        Bytes garbled = v.bytes;
+        for (size_t i = 8; i < garbled.size() && i < 300; ++i) garbled[i] = uint8_t(0xA5 ^ i);
+        broken.push_back({"garbled", garbled});
+        for (const auto& [what, bytes] : broken) {
+            SCOPED_TRACE(what);
+            Decoded d = Decode(bytes);
+            EXPECT_EQ(d.image.Raw(), nullptr);
+            ASSERT_TRUE(d.error.Raw());
+            EXPECT_GT(d.error->GetMessageLength(), 0u);
+        }
+    }
+    Decoded unknown = Decode(Bytes{'G', 'I', 'F', '8', '9', 'a', 0, 0});
+    ASSERT_TRUE(unknown.error.Raw());
+    EXPECT_STREQ(unknown.error->GetMessage(), "Unknown image format");
+    Decoded empty = Decode(Bytes{0});
+    EXPECT_TRUE(empty.error.Raw());
+
+    Ptr<IImage> missing;
+    Ptr<Core::IErrorCode> error;
+    EXPECT_FALSE(OpenImageA(dir.File("none.png").c_str(), missing.ReceiveAddress(), error.ReceiveAddress()));
+    EXPECT_NE(std::string(error->GetMessage()).find("none.png"), std::string::npos);
+}
+
+// A header that asks for more memory than any tile needs is refused before anything is allocated.
+TEST(DecodeErrors, OversizedPngHeader) {
+    Bytes png = TestImages::EncodePng(Layout(1, 1, PNG_COLOR_TYPE_RGB_ALPHA, 8, Bytes{1, 2, 3, 4}));
+    // IHDR data starts at byte 16: width and height, big-endian; its CRC follows the 13 bytes.
+    const uint32_t side = 60000;
+    for (int i = 0; i < 2; ++i)
+        for (int b = 0; b < 4; ++b) png[16 + 4 * i + b] = uint8_t(side >> (24 - 8 * b));
+    const uint32_t crc = uint32_t(crc32(0, png.data() + 12, 17));
+    for (int b = 0; b < 4; ++b) png[29 + b] = uint8_t(crc >> (24 - 8 * b));
+    Decoded d = Decode(png);
+    ASSERT_TRUE(d.error.Raw());
+    EXPECT_STREQ(d.error->GetMessage(), "Image of 60000x60000 pixels is too large");
+}
+
+TEST(DecodeErrors, BoundaryGuards) {
+    Ptr<Core::IErrorCode> error;
+    Ptr<IImage> image;
+    EXPECT_FALSE(CreateImageFromMemoryStream(nullptr, 10, image.ReceiveAddress(), error.ReceiveAddress()));
+    EXPECT_STREQ(error->GetMessage(), "Pointer of char must not be null!");
+
+    const Bytes png = TestImages::EncodePng(Layout(1, 1, PNG_COLOR_TYPE_GRAY, 8, Bytes{5}));
+    Ptr<IImage> first = DecodeOk(png);
+    IImage* stale = first.Raw();
+    error = nullptr;
+    EXPECT_FALSE(CreateImageFromMemoryStream(png.data(), png.size(), &stale, error.ReceiveAddress()));
+    EXPECT_STREQ(error->GetMessage(), "Pointer of struct TellarImaging::IImage must be null in order to avoid memory leaks!");
+    EXPECT_EQ(stale, first.Raw());
+}

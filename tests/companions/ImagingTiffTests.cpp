@@ -1,0 +1,356 @@
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <algorithm>
+#include <tuple>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Core/AbiGuard.h"
+#include "ImageWriters.h"
+#include "TellarImaging/Exports.h"
+#include "TempDir.h"
+
+using namespace TellarImaging;
+using Core::Ptr;
+
+namespace {
+
+Ptr<ITransform> Transform(double sx, double sy, double ox, double oy, double kx = 0, double ky = 0) {
+    Ptr<ITransform> t;
+    Ptr<Core::IErrorCode> error;
+    CreateTransformFromParams(sx, sy, ox, oy, kx, ky, t.ReceiveAddress(), error.ReceiveAddress());
+    Core::ThrowIfError(error);
+    return t;
+}
+
+Ptr<ITiffImage> NewTiff(int32_t width, int32_t height, int32_t type) {
+    Ptr<ITiffImage> image;
+    Ptr<Core::IErrorCode> error;
+    CreateTiffImage(width, height, type, image.ReceiveAddress(), error.ReceiveAddress());
+    Core::ThrowIfError(error);
+    return image;
+}
+
+Ptr<IImage> Open(const std::string& path) {
+    Ptr<IImage> image;
+    Ptr<Core::IErrorCode> error;
+    OpenImageA(path.c_str(), image.ReceiveAddress(), error.ReceiveAddress());
+    Core::ThrowIfError(error);
+    return image;
+}
+
+void Save(IImage* image, const std::string& path, int32_t format) {
+    Ptr<Core::IErrorCode> error;
+    TellarImaging_SaveImage(image, path.c_str(), format, error.ReceiveAddress());
+    Core::ThrowIfError(error);
+}
+
+std::vector<double> ParamsOf(ITiffImage* image) {
+    Ptr<ITransform> t;
+    EXPECT_TRUE(image->GetTransform(t.ReceiveAddress(), nullptr));
+    if (!t.Raw()) return {};
+    std::vector<double> p(6);
+    t->GetParams(&p[0], &p[1], &p[2], &p[3], &p[4], &p[5]);
+    return p;
+}
+
+template <class T>
+void FillRamp(IImage* image) {
+    const int32_t samples = image->GetSamplesPerPixel();
+    for (int32_t y = 0; y < image->GetHeight(); ++y)
+        for (int32_t x = 0; x < image->GetWidth(); ++x)
+            for (int32_t s = 0; s < samples; ++s)
+                static_cast<T*>(image->GetPixelPointer(x, y))[s] = T((y * 1000 + x * 10 + s) % 251) + T(0.25 * s);
+}
+
+std::string RunCommand(const std::string& command) {
+    std::string output;
+    if (FILE* pipe = popen(command.c_str(), "r")) {
+        char buffer[4096];
+        size_t n;
+        while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) output.append(buffer, n);
+        pclose(pipe);
+    }
+    return output;
+}
+
+} // namespace
+
+TEST(Transform, PixelToWorldAndBack) {
+    struct Case {
+        double sx, sy, ox, oy, kx, ky;
+    };
+    const Case cases[] = {
+        {0.5, -0.5, 1000.0, 2000.0, 0.0, 0.0},                         // north-up metres
+        {156543.03392804097, -156543.03392804097, -20037508.342789244, 20037508.342789244, 0, 0},
+        {0.001, -0.002, 8.5, 47.5, 0.0001, -0.0003},                   // rotated
+    };
+    for (const Case& c : cases) {
+        Ptr<ITransform> t = Transform(c.sx, c.sy, c.ox, c.oy, c.kx, c.ky);
+        for (double px : {0.0, 0.5, 17.25, 255.999}) {
+            for (double py : {0.0, 3.75, 400.0}) {
+                double wx, wy, wz, bx, by, bz;
+                t->PixelToWorld(px, py, &wx, &wy, &wz);
+                EXPECT_DOUBLE_EQ(wx, c.ox + px * c.sx + py * c.kx);
+                EXPECT_DOUBLE_EQ(wy, c.oy + px * c.ky + py * c.sy);
+                t->WorldToPixel(wx, wy, 7.0, &bx, &by, &bz);
+                EXPECT_NEAR(bx, px, 1e-7);
+                EXPECT_NEAR(by, py, 1e-7);
+                EXPECT_EQ(bz, 7.0);
+            }
+        }
+    }
+    // The world corner of pixel 7 maps back into pixel 7, not to the end of pixel 6.
+    Ptr<ITransform> tile = Transform(0.7, -0.7, 0.0, 0.0);
+    double wx, px;
+    tile->PixelToWorld(7.0, 0.0, &wx, nullptr, nullptr);
+    tile->WorldToPixel(wx, 0.0, 0.0, &px, nullptr, nullptr);
+    EXPECT_EQ(std::trunc(px), 7.0);
+
+    Ptr<ITransform> singular;
+    Ptr<Core::IErrorCode> error;
+    EXPECT_FALSE(CreateTransformFromParams(0.0, -1.0, 0, 0, 0, 0, singular.ReceiveAddress(), error.ReceiveAddress()));
+    EXPECT_STREQ(error->GetMessage(), "Transform is not invertible");
+}
+
+TEST(TiffImage, CreateEveryNamedTypeAndRefuseOthers) {
+    struct Case {
+        int32_t type, samples, bits, kind;
+    };
+    const Case cases[] = {{PixelDataTypeGray8, 1, 8, 1},     {PixelDataTypeGray16, 1, 16, 1},
+                          {PixelDataTypeFloat32, 1, 32, 3},  {PixelDataTypeRgb24, 3, 8, 1},
+                          {PixelDataTypeRgba32, 4, 8, 1},    {PixelDataTypeGrayAlpha16, 2, 8, 1},
+                          {PixelDataTypeRgb48, 3, 16, 1},    {PixelDataTypeRgba64, 4, 16, 1},
+                          {PixelDataTypeGrayAlpha32, 2, 16, 1}, {PixelDataTypeFloat64, 1, 64, 3},
+                          {PixelDataTypeFloat32x4, 4, 32, 3}, {PixelDataTypeFloat64x2, 2, 64, 3}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.type);
+        Ptr<ITiffImage> image = NewTiff(7, 5, c.type);
+        EXPECT_EQ(image->GetSamplesPerPixel(), c.samples);
+        EXPECT_EQ(image->GetBitsPerSample(), c.bits);
+        EXPECT_EQ(image->GetSampleKind(), c.kind);
+        EXPECT_EQ(image->GetPixelDataType(), c.type);
+        const auto* first = static_cast<const uint8_t*>(image->GetPixelPointer(0, 0));
+        const auto* last = static_cast<const uint8_t*>(image->GetPixelPointer(6, 4));
+        EXPECT_EQ(last - first, (4 * 7 + 6) * c.samples * c.bits / 8);
+        EXPECT_EQ(image->GetPixelPointer(7, 0), nullptr);
+        EXPECT_EQ(image->GetPixelPointer(0, -1), nullptr);
+    }
+    // An empty image is an image all the same.
+    EXPECT_EQ(NewTiff(0, 0, PixelDataTypeRgba32)->GetWidth(), 0);
+
+    Ptr<ITiffImage> none;
+    Ptr<Core::IErrorCode> error;
+    EXPECT_FALSE(CreateTiffImage(4, 4, 99, none.ReceiveAddress(), error.ReceiveAddress()));
+    EXPECT_FALSE(CreateTiffImage(4, 4, PixelDataTypeUnknown, none.ReceiveAddress(), nullptr));
+    EXPECT_FALSE(CreateTiffImage(-1, 4, PixelDataTypeGray8, none.ReceiveAddress(), nullptr));
+
+    Ptr<IImage> multi;
+    ASSERT_TRUE(TellarImaging_CreateMultiChannelTiffImage(3, 2, SampleKindSigned, 1, 16, multi.ReceiveAddress(), nullptr));
+    EXPECT_EQ(multi.As<ITiffImage>()->GetSampleKind(), SampleKindSigned);
+    for (auto [kind, samples, bits] : {std::tuple{3, 1, 16}, {1, 1, 32}, {1, 5, 8}, {4, 1, 8}, {1, 0, 8}}) {
+        Ptr<IImage> bad;
+        EXPECT_FALSE(TellarImaging_CreateMultiChannelTiffImage(3, 2, kind, samples, bits, bad.ReceiveAddress(), nullptr))
+            << kind << " " << samples << " " << bits;
+    }
+}
+
+TEST(TiffImage, PropertiesAndSubImages) {
+    Ptr<ITiffImage> image = NewTiff(10, 8, PixelDataTypeGray16);
+    FillRamp<uint16_t>(image.Raw());
+    auto* image2 = image.Cast<ITiffImage2>();
+    EXPECT_EQ(image->GetIntProperty(), -1);
+    EXPECT_EQ(image->GetListCount(), 0u);
+    EXPECT_STREQ(image2->GetTextProperty(), "");
+    image->SetIntProperty(12);
+    image->SetListValue(2, 9);
+    image->SetEpsgCode(3857);
+    image->SetSampleKind(SampleKindSigned);
+    image->SetTransform(Transform(2.0, -2.0, 100.0, 200.0).Raw());
+    image2->SetTextProperty("elevation");
+    Ptr<ITransform> attached = Transform(1, -1, 0, 0);
+    ASSERT_TRUE(image2->SetObjectProperty(attached.Raw(), 0, nullptr));
+    EXPECT_EQ(image->GetListCount(), 3u);
+    EXPECT_EQ(image->GetListValue(0), 0);
+    EXPECT_EQ(image->GetListValue(2), 9);
+    EXPECT_EQ(image->GetListValue(3), 0);
+
+    Ptr<IImage> sub;
+    ASSERT_TRUE(image->CreateSubImage(3, 2, 4, 5, sub.ReceiveAddress(), nullptr));
+    auto* subTiff = sub.Cast<ITiffImage2>();
+    EXPECT_EQ(sub->GetWidth(), 4);
+    EXPECT_EQ(sub->GetHeight(), 5);
+    for (int y = 0; y < 5; ++y)
+        for (int x = 0; x < 4; ++x)
+            ASSERT_EQ(*static_cast<uint16_t*>(sub->GetPixelPointer(x, y)),
+                      *static_cast<uint16_t*>(image->GetPixelPointer(x + 3, y + 2)));
+    EXPECT_EQ(ParamsOf(subTiff), (std::vector<double>{2.0, -2.0, 106.0, 196.0, 0.0, 0.0}));
+    EXPECT_EQ(subTiff->GetEpsgCode(), 3857u);
+    EXPECT_EQ(subTiff->GetSampleKind(), SampleKindSigned);
+    EXPECT_EQ(subTiff->GetIntProperty(), 12);
+    EXPECT_EQ(subTiff->GetListValue(2), 9);
+    EXPECT_STREQ(subTiff->GetTextProperty(), "elevation");
+    Ptr<Core::IObject> object;
+    ASSERT_TRUE(subTiff->GetObjectProperty(object.ReceiveAddress(), 0, nullptr));
+    EXPECT_EQ(object.Raw(), attached.Raw());
+    Ptr<Core::IObject> missing;
+    ASSERT_TRUE(subTiff->GetObjectProperty(missing.ReceiveAddress(), 1, nullptr));
+    EXPECT_EQ(missing.Raw(), nullptr);
+
+    Ptr<IImage> whole, empty, outside;
+    ASSERT_TRUE(image->CreateSubImage(0, 0, 10, 8, whole.ReceiveAddress(), nullptr));
+    EXPECT_EQ(std::memcmp(whole->GetPixelPointer(0, 0), image->GetPixelPointer(0, 0), 10 * 8 * 2), 0);
+    ASSERT_TRUE(image->CreateSubImage(10, 8, 0, 0, empty.ReceiveAddress(), nullptr));
+    Ptr<Core::IErrorCode> error;
+    EXPECT_FALSE(image->CreateSubImage(8, 0, 3, 1, outside.ReceiveAddress(), error.ReceiveAddress()));
+    EXPECT_STREQ(error->GetMessage(), "Sub-image (8, 0, 3x1) is outside the image of 10x8");
+
+    image->SetTransform(nullptr);
+    EXPECT_TRUE(ParamsOf(image.Raw()).empty());
+}
+
+TEST(TiffImage, ConvertDecodedImage) {
+    TestImages::PngLayout layout;
+    layout.width = 2;
+    layout.height = 1;
+    layout.colorType = 2; // RGB
+    layout.rows = {1, 2, 3, 4, 5, 6};
+    const auto png = TestImages::EncodePng(layout);
+    Ptr<IImage> decoded;
+    ASSERT_TRUE(CreateImageFromMemoryStream(png.data(), png.size(), decoded.ReceiveAddress(), nullptr));
+    Ptr<ITiffImage> tiff;
+    ASSERT_TRUE(ConvertImageToTiffImage(decoded.Raw(), tiff.ReceiveAddress(), nullptr));
+    EXPECT_EQ(tiff->GetPixelDataType(), PixelDataTypeRgba32);
+    EXPECT_EQ(tiff->GetSampleKind(), SampleKindUnsigned);
+    const uint8_t expect[] = {1, 2, 3, 255, 4, 5, 6, 255};
+    EXPECT_EQ(std::memcmp(tiff->GetPixelPointer(0, 0), expect, 8), 0);
+
+    Ptr<ITiffImage> same;
+    ASSERT_TRUE(ConvertImageToTiffImage(tiff.Raw(), same.ReceiveAddress(), nullptr));
+    EXPECT_EQ(same.Raw(), tiff.Raw());
+}
+
+// What we write as GeoTIFF reads back with the same pixels and georeference.
+TEST(GeoTiff, WriteAndReadBack) {
+    TestSupport::TempDir dir;
+    struct Case {
+        const char* name;
+        int32_t type;
+        uint32_t epsg;
+        std::vector<double> params;
+    };
+    const Case cases[] = {
+        {"rgba web mercator", PixelDataTypeRgba32, 3857,
+         {152.87405657041106, -152.87405657041106, 1113194.9079327357, 6446275.841017158, 0, 0}},
+        {"float32 wgs84", PixelDataTypeFloat32, 4326, {0.25, -0.25, 5.0, 55.0, 0, 0}},
+        {"int16 utm", PixelDataTypeGray16, 32632, {30.0, -30.0, 500000.0, 5400000.0, 0, 0}},
+        {"float64 pairs, rotated, no epsg", PixelDataTypeFloat64x2, 0, {10.0, -10.0, 1000.0, 2000.0, 1.0, 0.5}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        Ptr<ITiffImage> image = NewTiff(33, 17, c.type);
+        if (image->GetBitsPerSample() == 8) FillRamp<uint8_t>(image.Raw());
+        else if (image->GetBitsPerSample() == 16) FillRamp<int16_t>(image.Raw());
+        else if (image->GetBitsPerSample() == 32) FillRamp<float>(image.Raw());
+        else FillRamp<double>(image.Raw());
+        if (c.type == PixelDataTypeGray16) image->SetSampleKind(SampleKindSigned);
+        image->SetTransform(Transform(c.params[0], c.params[1], c.params[2], c.params[3], c.params[4], c.params[5]).Raw());
+        image->SetEpsgCode(c.epsg);
+        image.Cast<ITiffImage2>()->SetTextProperty("written by the tests");
+        const std::string path = dir.File(std::string(c.name) + ".tif");
+        Save(image.Raw(), path, ImageFileFormatTiff);
+
+        Ptr<IImage> back = Open(path);
+        auto* tiff = back.Cast<ITiffImage2>();
+        EXPECT_EQ(tiff->GetPixelDataType(), c.type);
+        EXPECT_EQ(tiff->GetSampleKind(), image->GetSampleKind());
+        EXPECT_EQ(tiff->GetEpsgCode(), c.epsg);
+        EXPECT_STREQ(tiff->GetTextProperty(), "written by the tests");
+        const std::vector<double> params = ParamsOf(tiff);
+        ASSERT_EQ(params.size(), 6u);
+        for (int i = 0; i < 6; ++i) EXPECT_DOUBLE_EQ(params[i], c.params[i]) << i;
+        const size_t bytes = size_t(33) * 17 * image->GetSamplesPerPixel() * image->GetBitsPerSample() / 8;
+        EXPECT_EQ(std::memcmp(back->GetPixelPointer(0, 0), image->GetPixelPointer(0, 0), bytes), 0);
+    }
+}
+
+TEST(GeoTiff, GdalReadsCrsAndCorners) {
+    if (std::system("command -v gdalinfo > /dev/null 2>&1") != 0) GTEST_SKIP() << "gdalinfo is not installed";
+    TestSupport::TempDir dir;
+    struct Case {
+        uint32_t epsg;
+        std::vector<double> params;
+        int32_t width, height;
+        double right, bottom;
+    };
+    const Case cases[] = {
+        {3857, {152.87405657041106, -152.87405657041106, 1113194.9079327357, 6446275.841017158, 0, 0}, 256, 256,
+         1113194.9079327357 + 256 * 152.87405657041106, 6446275.841017158 - 256 * 152.87405657041106},
+        {4326, {0.25, -0.125, 5.0, 55.0, 0, 0}, 40, 80, 15.0, 45.0},
+        {32632, {30.0, -30.0, 500000.0, 5400000.0, 0, 0}, 100, 50, 503000.0, 5398500.0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.epsg);
+        Ptr<ITiffImage> image = NewTiff(c.width, c.height, PixelDataTypeRgba32);
+        image->SetTransform(Transform(c.params[0], c.params[1], c.params[2], c.params[3]).Raw());
+        image->SetEpsgCode(c.epsg);
+        const std::string path = dir.File("g" + std::to_string(c.epsg) + ".tif");
+        Save(image.Raw(), path, ImageFileFormatTiff);
+
+        std::string json = RunCommand("gdalinfo -json '" + path + "' 2>&1");
+        json.erase(std::remove_if(json.begin(), json.end(), [](char ch) { return std::isspace(uint8_t(ch)); }), json.end());
+        EXPECT_NE(json.find("ID[\\\"EPSG\\\"," + std::to_string(c.epsg) + "]]\""), std::string::npos) << json;
+        std::smatch m;
+        const std::regex corners(R"re("upperLeft":\[([-0-9.e+]+),([-0-9.e+]+)\].*"lowerRight":\[([-0-9.e+]+),([-0-9.e+]+)\])re");
+        ASSERT_TRUE(std::regex_search(json, m, corners)) << json;
+        const double tolerance = c.epsg == 4326 ? 1e-9 : 1e-3;
+        EXPECT_NEAR(std::stod(m[1]), c.params[2], tolerance);
+        EXPECT_NEAR(std::stod(m[2]), c.params[3], tolerance);
+        EXPECT_NEAR(std::stod(m[3]), c.right, tolerance);
+        EXPECT_NEAR(std::stod(m[4]), c.bottom, tolerance);
+    }
+}
+
+TEST(SaveImage, PngRoundTripAndRefusals) {
+    TestSupport::TempDir dir;
+    for (int32_t type : {PixelDataTypeGray8, PixelDataTypeGrayAlpha16, PixelDataTypeRgb24, PixelDataTypeRgba32}) {
+        SCOPED_TRACE(type);
+        Ptr<ITiffImage> image = NewTiff(9, 4, type);
+        FillRamp<uint8_t>(image.Raw());
+        const std::string path = dir.File("p" + std::to_string(type) + ".png");
+        Save(image.Raw(), path, ImageFileFormatPng);
+        Ptr<IImage> back = Open(path);
+        ASSERT_EQ(back->GetSamplesPerPixel(), 4);
+        const int32_t samples = image->GetSamplesPerPixel();
+        for (int y = 0; y < 4; ++y)
+            for (int x = 0; x < 9; ++x) {
+                const auto* from = static_cast<uint8_t*>(image->GetPixelPointer(x, y));
+                const auto* to = static_cast<uint8_t*>(back->GetPixelPointer(x, y));
+                const bool grey = samples <= 2;
+                EXPECT_EQ(to[0], from[0]);
+                EXPECT_EQ(to[1], grey ? from[0] : from[1]);
+                EXPECT_EQ(to[3], samples == 4 ? from[3] : samples == 2 ? from[1] : 255);
+            }
+    }
+
+    Ptr<Core::IErrorCode> error;
+    const std::string path = dir.File("deep.png");
+    EXPECT_FALSE(TellarImaging_SaveImage(NewTiff(4, 4, PixelDataTypeGray16).Raw(), path.c_str(), ImageFileFormatPng,
+                                         error.ReceiveAddress()));
+    EXPECT_STREQ(error->GetMessage(), "PNG needs 8 bits per sample and 1 to 4 samples");
+    EXPECT_FALSE(std::ifstream(path).good());
+    error = nullptr;
+    EXPECT_FALSE(TellarImaging_SaveImage(NewTiff(4, 4, PixelDataTypeGray8).Raw(), dir.File("x").c_str(), 7,
+                                         error.ReceiveAddress()));
+    EXPECT_STREQ(error->GetMessage(), "Unknown image file format 7");
+    error = nullptr;
+    EXPECT_FALSE(TellarImaging_SaveImage(NewTiff(4, 4, PixelDataTypeGray8).Raw(), "/nonexistent/dir/a.tif",
+                                         ImageFileFormatTiff, error.ReceiveAddress()));
+    EXPECT_NE(std::string(error->GetMessage()).find("Failed to create TIFF file"), std::string::npos);
+}
