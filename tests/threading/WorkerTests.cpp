@@ -270,18 +270,22 @@ TEST(Worker, ReleasedLastFromItsOwnThreadNeitherHangsNorCrashes) {
 }
 
 TEST(Worker, GetWorkerMakesOneWorkerPerName) {
+    // Workers live as long as the process: a fresh name for each run of the test.
+    static int run = 0;
+    const std::string name = "Shared " + std::to_string(++run);
     int made = 0;
     auto factory = [&] {
         ++made;
-        return Core::MakeObject<ThreadWorker>("Tile Response Worker", true, Helpers::Infinite);
+        return Core::MakeObject<ThreadWorker>(name, true, Helpers::Infinite);
     };
-    auto first = ThreadWorkerManager::GetWorker("Tile Response Worker", factory);
-    auto second = ThreadWorkerManager::GetWorker("Tile Response Worker", factory);
-    auto third = ThreadWorkerManager::GetWorker("Tile Response Worker");
+    auto first = ThreadWorkerManager::GetWorker(name, factory);
+    auto second = ThreadWorkerManager::GetWorker(name, factory);
+    auto third = ThreadWorkerManager::GetWorker(name);
     EXPECT_EQ(made, 1);
     EXPECT_EQ(first.Raw(), second.Raw());
     EXPECT_EQ(first.Raw(), third.Raw());
-    auto other = ThreadWorkerManager::GetWorker("Another Worker");
+    EXPECT_STREQ(first->GetName(), name.c_str());
+    auto other = ThreadWorkerManager::GetWorker(name + " other");
     EXPECT_NE(other.Raw(), first.Raw());
     EXPECT_TRUE(Finished(other->Post([] {})));
 }

@@ -19,7 +19,16 @@ class ThreadDispatcher final : public Core::ObjectImplBase<Interfaces::IThread> 
 public:
     ThreadDispatcher();
 
-    AsyncTask Post(std::function<void()> function);
+    template <class F>
+    AsyncTask Post(F&& function) {
+        // The body keeps the function itself, so a small one needs no allocation of its own.
+        return PostBody([function = std::forward<F>(function)]() mutable {
+            function();
+            return Data::Variant();
+        });
+    }
+    // Posts a body whose value becomes the task's result (unless the body stored one).
+    AsyncTask PostBody(std::function<Data::Variant()> body);
 
     bool _abi_Start(Core::IErrorCode** ppError) override;
     bool _abi_Stop(Interfaces::IAsyncTask** ppTask, Core::IErrorCode** ppError) override;

@@ -28,7 +28,16 @@ public:
 
     // Runs `function` on the worker's thread. After Stop the task is complete at once and its
     // result is the error "Thread event loop ended. New tasks cannot be queued anymore.".
-    AsyncTask Post(std::function<void()> function);
+    template <class F>
+    AsyncTask Post(F&& function) {
+        // The body keeps the function itself, so a small one needs no allocation of its own.
+        return PostBody([function = std::forward<F>(function)]() mutable {
+            function();
+            return Data::Variant();
+        });
+    }
+    // Posts a body whose value becomes the task's result (unless the body stored one).
+    AsyncTask PostBody(std::function<Data::Variant()> body);
     // Ends the loop after everything posted before it.
     AsyncTask Stop();
     // Re-enters the loop, only from the worker's own thread while its loop is not running.

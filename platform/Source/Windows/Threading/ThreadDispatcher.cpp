@@ -20,8 +20,8 @@ ThreadDispatcher::ThreadDispatcher() : m_ThreadHandle(ThreadContext::Current()) 
 
 ThreadDispatcher::~ThreadDispatcher() = default;
 
-AsyncTask ThreadDispatcher::Post(std::function<void()> function) {
-    return details::PostTask(*this, m_ThreadHandle.get(), std::move(function), "ThreadDispatcher", m_ThreadId);
+AsyncTask ThreadDispatcher::PostBody(std::function<Data::Variant()> body) {
+    return details::PostTask(*this, m_ThreadHandle.get(), std::move(body), "ThreadDispatcher", m_ThreadId);
 }
 
 bool ThreadDispatcher::IsRunning() { return m_ThreadHandle && m_ThreadHandle->ThreadId() != 0; }

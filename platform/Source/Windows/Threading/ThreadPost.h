@@ -29,16 +29,11 @@ bool PostInternal(T& thread, ThreadContext* target, AsyncData<T>* task, const ch
     return false;
 }
 
-// A task for `function` on `thread`; a null handle when it could not be queued.
+// A task for `body` on `thread`; a null handle when it could not be queued.
 template <class T>
-AsyncTask PostTask(T& thread, ThreadContext* target, std::function<void()> function, const char* name,
+AsyncTask PostTask(T& thread, ThreadContext* target, std::function<Data::Variant()> body, const char* name,
                    uint32_t targetId) {
-    auto task = Core::Ptr<AsyncData<T>>::Attach(new AsyncData<T>(
-        [body = std::move(function)]() {
-            body();
-            return Data::Variant();
-        },
-        Core::Ptr<T>(&thread)));
+    auto task = Core::Ptr<AsyncData<T>>::Attach(new AsyncData<T>(std::move(body), Core::Ptr<T>(&thread)));
     task->AddReference(); // the queue's reference
     if (PostInternal(thread, target, task.Raw(), name, targetId)) {
         task->MarkQueued();

@@ -129,7 +129,7 @@ void ThreadWorker::HandleEvents(ThreadWorker* worker, const LifetimeFlag& flag) 
     }
 }
 
-AsyncTask ThreadWorker::Post(std::function<void()> function) {
+AsyncTask ThreadWorker::PostBody(std::function<Data::Variant()> body) {
     if (m_HasThread && !m_Alive.load()) {
         auto task = Core::MakeObject<AsyncTaskImpl>();
         const Data::Variant error = Data::Variant::FromObject(
@@ -139,7 +139,7 @@ AsyncTask ThreadWorker::Post(std::function<void()> function) {
         task->Signal();
         return AsyncTask(std::move(task));
     }
-    return details::PostTask(*this, m_ThreadHandle.get(), std::move(function), m_Name.c_str(), m_StartId.load());
+    return details::PostTask(*this, m_ThreadHandle.get(), std::move(body), m_Name.c_str(), m_StartId.load());
 }
 
 AsyncTask ThreadWorker::Stop() {
