@@ -36,6 +36,9 @@ public:
     void MarkQueued() noexcept;
     // True while no result has been stored.
     bool ResultIsEmpty();
+    // The end of a run that returned normally: a success record, and `result` unless a result
+    // was stored already.
+    void StoreRunResult(const Data::Variant& result);
 
 protected:
     ~AsyncTaskImpl() override = default;
@@ -56,6 +59,7 @@ private:
     std::atomic<int32_t> m_State{Interfaces::AsyncTaskCreated};
     ErrorRecord m_Error;
     Core::Ptr<Interfaces::IAsyncTaskStatusCallback> m_Callback;
+    std::atomic<bool> m_HasCallback{false}; // spares the lock on the usual path without one
 };
 
 } // namespace Platform::Threading::impl

@@ -45,11 +45,8 @@ void Impl_ThreadworkCallback(AsyncData<T>& task) noexcept {
             const int32_t state = task.GetState();
             if (state == Interfaces::AsyncTaskCreated || state == Interfaces::AsyncTaskQueued) {
                 task.SetState(Interfaces::AsyncTaskRunning);
-                Data::Variant result = task.m_Body();
-                const Interfaces::AsyncTaskErrorRecord success;
-                task.SetError(&success);
-                // A result the body stored on its own task stays.
-                if (task.ResultIsEmpty()) task.SetResult(&result.Raw());
+                // A success record, and the body's value unless it stored a result itself.
+                task.StoreRunResult(task.m_Body());
                 task.SetState(Interfaces::AsyncTaskCompleted);
             } else if (state == Interfaces::AsyncTaskCancelRequested) {
                 task.SetState(Interfaces::AsyncTaskCancelled);

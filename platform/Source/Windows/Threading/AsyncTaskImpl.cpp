@@ -59,11 +59,20 @@ bool AsyncTaskImpl::ResultIsEmpty() {
     return m_Result.IsEmpty();
 }
 
+void AsyncTaskImpl::StoreRunResult(const Data::Variant& result) {
+    Data::Variant copy = result;
+    std::lock_guard lock(m_Guard);
+    m_Error = ErrorRecord{};
+    if (m_Result.IsEmpty()) m_Result.Swap(copy);
+}
+
 void AsyncTaskImpl::SetStatusCallback(IAsyncTaskStatusCallback* callback) {
+    if (!callback && !m_HasCallback.load()) return; // nothing to drop, nobody to tell
     Core::Ptr<IAsyncTaskStatusCallback> next(callback);
     {
         std::lock_guard lock(m_Guard);
         m_Callback.Swap(next);
+        m_HasCallback.store(callback != nullptr);
     }
     ReportStatus();
 }
@@ -93,6 +102,7 @@ void AsyncTaskImpl::SetError(const AsyncTaskErrorRecord* record) {
 }
 
 void AsyncTaskImpl::ReportStatus() {
+    if (!m_HasCallback.load()) return;
     Core::Ptr<IAsyncTaskStatusCallback> callback;
     {
         std::lock_guard lock(m_Guard);

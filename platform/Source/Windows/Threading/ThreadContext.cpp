@@ -67,6 +67,7 @@ std::shared_ptr<ThreadContext> ThreadContext::Current() {
 }
 
 bool ThreadContext::Queue(const QueuedFunction& function) {
+    bool sleeping;
     {
         std::lock_guard lock(m_Mutex);
         if (m_HasEnded) {
@@ -74,15 +75,20 @@ bool ThreadContext::Queue(const QueuedFunction& function) {
             return false;
         }
         m_Queue.push_back(function);
+        sleeping = m_Sleeping;
     }
-    m_Wake.notify_one();
+    if (sleeping) m_Wake.notify_one();
     return true;
 }
 
 void ThreadContext::Wake() {
     // Taking the lock orders the caller's change before the sleeper's next look at it.
-    { std::lock_guard lock(m_Mutex); }
-    m_Wake.notify_one();
+    bool sleeping;
+    {
+        std::lock_guard lock(m_Mutex);
+        sleeping = m_Sleeping;
+    }
+    if (sleeping) m_Wake.notify_one();
 }
 
 void ThreadContext::End() noexcept {
@@ -93,6 +99,9 @@ void ThreadContext::End() noexcept {
         left.swap(m_Queue);
     }
     m_Ended.notify_all();
+    // Called on the owning thread (or on a context no thread owns), so the batch is ours.
+    left.insert(left.begin(), m_Batch.begin(), m_Batch.end());
+    m_Batch.clear();
     for (const QueuedFunction& function : left)
         if (function.discard) function.discard(function.argument);
 }
@@ -125,19 +134,30 @@ void ThreadContext::SetName(std::string_view name) {
 }
 
 void ThreadContext::RunQueued(std::unique_lock<std::mutex>& lock) {
-    // One at a time and outside the lock: a function may queue more or wait again itself.
-    while (!m_Queue.empty()) {
-        QueuedFunction function = m_Queue.front();
-        m_Queue.pop_front();
+    // Whatever is queued moves to the thread's own batch in one go and runs from there without
+    // the lock, one at a time: a function may queue more, or wait again and so run the next
+    // ones of the batch itself. Everything in the batch was queued before what is in the queue.
+    for (;;) {
+        if (!m_Queue.empty()) {
+            m_Batch.insert(m_Batch.end(), m_Queue.begin(), m_Queue.end());
+            m_Queue.clear();
+        }
+        if (m_Batch.empty()) return;
         lock.unlock();
-        function.run(function.argument);
+        while (!m_Batch.empty()) {
+            const QueuedFunction function = m_Batch.front();
+            m_Batch.pop_front();
+            function.run(function.argument);
+        }
         lock.lock();
     }
 }
 
+bool ThreadContext::HasQueued() const noexcept { return !m_Batch.empty() || !m_Queue.empty(); }
+
 uint32_t ThreadContext::Wait(AlertableEvent* event, uint32_t timeout, bool alertable) {
     std::unique_lock lock(m_Mutex);
-    if (alertable && !m_Queue.empty()) {
+    if (alertable && HasQueued()) {
         RunQueued(lock);
         return WaitIoCompletion;
     }
@@ -160,7 +180,7 @@ uint32_t ThreadContext::Wait(AlertableEvent* event, uint32_t timeout, bool alert
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout);
     uint32_t result = WaitTimeout;
     for (;;) {
-        if (alertable && !m_Queue.empty()) {
+        if (alertable && HasQueued()) {
             result = WaitIoCompletion;
             break;
         }
@@ -168,10 +188,13 @@ uint32_t ThreadContext::Wait(AlertableEvent* event, uint32_t timeout, bool alert
             result = WaitObject0;
             break;
         }
-        if (timeout == Infinite) {
-            m_Wake.wait(lock);
-        } else if (m_Wake.wait_until(lock, deadline) == std::cv_status::timeout) {
-            if (alertable && !m_Queue.empty()) result = WaitIoCompletion;
+        m_Sleeping = true;
+        bool timedOut = false;
+        if (timeout == Infinite) m_Wake.wait(lock);
+        else timedOut = m_Wake.wait_until(lock, deadline) == std::cv_status::timeout;
+        m_Sleeping = false;
+        if (timedOut) {
+            if (alertable && HasQueued()) result = WaitIoCompletion;
             else if (event && event->m_Signalled.load(std::memory_order_acquire)) result = WaitObject0;
             break;
         }

@@ -64,13 +64,16 @@ public:
 private:
     uint32_t Wait(AlertableEvent* event, uint32_t timeout, bool alertable);
     void RunQueued(std::unique_lock<std::mutex>& lock);
+    bool HasQueued() const noexcept;
 
     const uint32_t m_ThreadId;
     const pthread_t m_Thread;
     std::mutex m_Mutex;
     std::condition_variable m_Wake;  // only the owning thread sleeps on it
     std::condition_variable m_Ended; // other threads waiting for the end
-    std::deque<QueuedFunction> m_Queue;
+    std::deque<QueuedFunction> m_Queue; // filled by any thread, under the lock
+    std::deque<QueuedFunction> m_Batch; // taken from the queue; only the owning thread touches it
+    bool m_Sleeping = false;            // the owning thread sleeps on m_Wake
     bool m_HasEnded = false;
 };
 
