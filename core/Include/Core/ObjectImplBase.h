@@ -2,6 +2,7 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
+#include <utility>
 
 #include "Core/IObject.h"
 
@@ -36,6 +37,9 @@ public:
 
 protected:
     ObjectImplBase() = default;
+    // For implementation bases that take constructor arguments.
+    template <class... Args>
+    explicit ObjectImplBase(Args&&... args) : I(std::forward<Args>(args)...) {}
     ~ObjectImplBase() override = default;
 
 private:
