@@ -87,7 +87,6 @@ private:
     std::atomic<bool> m_LoopStarted{false};
     bool m_ShouldDetach;
     std::atomic<bool> m_Crashed{false};
-    uint32_t m_WakeMask = 0;
     bool m_Consumed = false;
     bool m_Dedicated = false;
     std::string m_Name;

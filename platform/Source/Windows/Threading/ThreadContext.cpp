@@ -177,7 +177,8 @@ uint32_t ThreadContext::Wait(AlertableEvent* event, uint32_t timeout, bool alert
         lock.lock();
     }
 
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout);
+    const auto deadline = timeout == Infinite ? std::chrono::steady_clock::time_point::max()
+                                              : std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout);
     uint32_t result = WaitTimeout;
     for (;;) {
         if (alertable && HasQueued()) {
