@@ -47,20 +47,20 @@ void DecodeLoop(benchmark::State& state, const TestImages::Bytes& bytes) {
 }
 
 void BM_DecodePngRgba256(benchmark::State& state) {
-    TestImages::PngSpec spec;
-    spec.width = spec.height = TileSize;
-    spec.colorType = PNG_COLOR_TYPE_RGB_ALPHA;
-    spec.rows = TilePixels(4);
-    DecodeLoop(state, TestImages::EncodePng(spec));
+    TestImages::PngLayout layout;
+    layout.width = layout.height = TileSize;
+    layout.colorType = PNG_COLOR_TYPE_RGB_ALPHA;
+    layout.rows = TilePixels(4);
+    DecodeLoop(state, TestImages::EncodePng(layout));
 }
 
 void BM_DecodePngPalette256(benchmark::State& state) {
-    TestImages::PngSpec spec;
-    spec.width = spec.height = TileSize;
-    spec.colorType = PNG_COLOR_TYPE_PALETTE;
-    spec.rows = TilePixels(1);
-    for (int i = 0; i < 256; ++i) spec.palette.insert(spec.palette.end(), {uint8_t(i), uint8_t(255 - i), uint8_t(i / 2)});
-    DecodeLoop(state, TestImages::EncodePng(spec));
+    TestImages::PngLayout layout;
+    layout.width = layout.height = TileSize;
+    layout.colorType = PNG_COLOR_TYPE_PALETTE;
+    layout.rows = TilePixels(1);
+    for (int i = 0; i < 256; ++i) layout.palette.insert(layout.palette.end(), {uint8_t(i), uint8_t(255 - i), uint8_t(i / 2)});
+    DecodeLoop(state, TestImages::EncodePng(layout));
 }
 
 void BM_DecodeJpeg256(benchmark::State& state) {

@@ -41,4 +41,4 @@ struct FailureCase {
 
 inline std::ostream& operator<<(std::ostream& out, const FailureCase& c) { return out << c.name; }
 
-} // namespace CapabilitiesTests
+}  // namespace CapabilitiesTests

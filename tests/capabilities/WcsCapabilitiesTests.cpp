@@ -54,7 +54,7 @@ std::string Document(const std::string& bindings, const std::string& coverages, 
 const std::string Good = Document(Binding("Post", "http://cov.test/post?") + Binding("Get", "http://cov.test/get?"),
                                   DemCoverage + PlainCoverage);
 
-} // namespace
+}  // namespace
 
 TEST(WcsCapabilities, ReadsServiceAndCoverages) {
     const WcsCapabilities caps(Good);
@@ -118,8 +118,8 @@ TEST(WcsCapabilities, GetCoverageEndpoint) {
         {"no binding", "", "", 1},
         {"trailing blank, ? and / trimmed", Binding("Get", "http://g/wcs/ ?/"), "http://g/wcs", 0},
         {"a trailing & stays", Binding("Get", "http://g/wcs?map=a&"), "http://g/wcs?map=a&", 0},
-        {"looked up with exact case", "<P:dcptype><P:http><P:get><P:OnlineResource xlink:href=\"http://g\"/></P:get></P:http></P:dcptype>",
-         "", 1},
+        {"looked up with exact case",
+         "<P:dcptype><P:http><P:get><P:OnlineResource xlink:href=\"http://g\"/></P:get></P:http></P:dcptype>", "", 1},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
@@ -135,11 +135,14 @@ TEST(WcsCapabilities, CapabilitiesUrlJoiner) {
         const char* url;
         const char* capabilitiesUrl;
     } rows[] = {
-        {"http://cov.test/wcs?", "http://cov.test/wcs", "http://cov.test/wcs?SERVICE=wcs&REQUEST=GetCapabilities&VERSION=1.0.0"},
+        {"http://cov.test/wcs?", "http://cov.test/wcs",
+         "http://cov.test/wcs?SERVICE=wcs&REQUEST=GetCapabilities&VERSION=1.0.0"},
         {"http://cov.test/wcs?map=a&", "http://cov.test/wcs?map=a",
          "http://cov.test/wcs?map=a&SERVICE=wcs&REQUEST=GetCapabilities&VERSION=1.0.0"},
-        {"http://cov.test/wcs/ &?/", "http://cov.test/wcs", "http://cov.test/wcs?SERVICE=wcs&REQUEST=GetCapabilities&VERSION=1.0.0"},
-        {"http://cov.test/wcs", "http://cov.test/wcs", "http://cov.test/wcs?SERVICE=wcs&REQUEST=GetCapabilities&VERSION=1.0.0"},
+        {"http://cov.test/wcs/ &?/", "http://cov.test/wcs",
+         "http://cov.test/wcs?SERVICE=wcs&REQUEST=GetCapabilities&VERSION=1.0.0"},
+        {"http://cov.test/wcs", "http://cov.test/wcs",
+         "http://cov.test/wcs?SERVICE=wcs&REQUEST=GetCapabilities&VERSION=1.0.0"},
         {"?/&", "", "?SERVICE=wcs&REQUEST=GetCapabilities&VERSION=1.0.0"},
     };
     for (const Row& row : rows) {
@@ -152,9 +155,11 @@ TEST(WcsCapabilities, CapabilitiesUrlJoiner) {
 
 TEST(WcsCapabilities, DocumentShapes) {
     // The root is searched among the top-level elements; its GetCapabilities path in any case.
-    const std::string lowerPath = Replace(Replace(Replace(Replace(Good, "wcs:Capability>", "wcs:capability>"), "wcs:Request>", "wcs:REQUEST>"),
-                                                  "<wcs:OnlineResource xlink:href=\"http://cov.test/wcs?\"", "<wcs:onlineresource xlink:href=\"http://cov.test/wcs?\""),
-                                          "wcs:GetCapabilities>", "wcs:getcapabilities>");
+    const std::string lowerPath =
+        Replace(Replace(Replace(Replace(Good, "wcs:Capability>", "wcs:capability>"), "wcs:Request>", "wcs:REQUEST>"),
+                        "<wcs:OnlineResource xlink:href=\"http://cov.test/wcs?\"",
+                        "<wcs:onlineresource xlink:href=\"http://cov.test/wcs?\""),
+                "wcs:GetCapabilities>", "wcs:getcapabilities>");
     EXPECT_EQ(WcsCapabilities(lowerPath).url, "http://cov.test/wcs");
     const std::string secondRoot = Replace(Good, "<!-- coverage service -->", "<Other/>");
     EXPECT_EQ(WcsCapabilities(secondRoot).serviceName, "MyWCS");
@@ -165,13 +170,15 @@ TEST(WcsCapabilities, DocumentShapes) {
 }
 
 TEST(WcsCapabilities, FailuresAndTheirOrder) {
-    const std::string noPositions = Replace(Replace(Good, "<gml:pos>15 55</gml:pos>", ""), "<gml:pos>5.5 47.25 100</gml:pos>", "");
+    const std::string noPositions =
+        Replace(Replace(Good, "<gml:pos>15 55</gml:pos>", ""), "<gml:pos>5.5 47.25 100</gml:pos>", "");
     const FailureCase cases[] = {
         {"malformed xml", Replace(Good, "</wcs:WCS_Capabilities>", ""), "unexpected end of data"},
         {"not xml", "WCS", "expected <"},
         {"empty text", "", "Xml is not valid WCS"},
         {"other root", Replace(Good, "WCS_Capabilities", "WMS_Capabilities"), "Xml is not valid WCS"},
-        {"other root with the prefix kept", Replace(Good, "wcs:WCS_Capabilities", "ows:WCS_Capabilities"), "Xml is not valid WCS"},
+        {"other root with the prefix kept", Replace(Good, "wcs:WCS_Capabilities", "ows:WCS_Capabilities"),
+         "Xml is not valid WCS"},
         {"nested root", "<Wrapper>" + Good.substr(Good.find("<wcs:WCS")) + "</Wrapper>", "Xml is not valid WCS"},
         {"no version", Replace(Good, "<wcs:WCS_Capabilities version=\"1.0.0\"", "<wcs:WCS_Capabilities"),
          "Attribute does not exist"},
@@ -182,9 +189,11 @@ TEST(WcsCapabilities, FailuresAndTheirOrder) {
         {"version with a blank", Replace(Good, "version=\"1.0.0\" xmlns", "version=\"1.0.0 \" xmlns"),
          "WCS Version is not supported. Currently only v1.0.0 is supported"},
         {"no service name", Replace(Good, "<wcs:name>MyWCS</wcs:name>", ""), "Cannot access the node"},
-        {"no GetCapabilities href", Replace(Good, "xlink:href=\"http://cov.test/wcs?\"", ""), "Attribute does not exist"},
+        {"no GetCapabilities href", Replace(Good, "xlink:href=\"http://cov.test/wcs?\"", ""),
+         "Attribute does not exist"},
         {"no GetCapabilities binding", Replace(Good, "wcs:GetCapabilities>", "wcs:Other>"), "Attribute does not exist"},
-        {"GET binding without href", Replace(Good, "xlink:href=\"http://cov.test/get?\"", ""), "Attribute does not exist"},
+        {"GET binding without href", Replace(Good, "xlink:href=\"http://cov.test/get?\"", ""),
+         "Attribute does not exist"},
         {"no srsName", Replace(Good, " srsName=\"EPSG:4326\"", ""), "Attribute does not exist"},
         {"no envelope", Replace(Good, "lonLatEnvelope", "envelope"), "Attribute does not exist"},
         {"one position", Replace(Good, "<gml:pos>3 4</gml:pos>", ""), "Cannot access the node"},
@@ -198,14 +207,16 @@ TEST(WcsCapabilities, FailuresAndTheirOrder) {
         // Which failure comes first.
         {"the parser before the root test", Replace(Replace(Good, "WCS_Capabilities", "X"), "</wcs:Service>", ""),
          "unexpected end of data"},
-        {"version before service name", Replace(Replace(Good, "version=\"1.0.0\" xmlns", "version=\"2\" xmlns"), "<wcs:name>MyWCS</wcs:name>", ""),
+        {"version before service name",
+         Replace(Replace(Good, "version=\"1.0.0\" xmlns", "version=\"2\" xmlns"), "<wcs:name>MyWCS</wcs:name>", ""),
          "WCS Version is not supported. Currently only v1.0.0 is supported"},
-        {"service name before href", Replace(Replace(Good, "<wcs:name>MyWCS</wcs:name>", ""), "xlink:href=\"http://cov.test/wcs?\"", ""),
+        {"service name before href",
+         Replace(Replace(Good, "<wcs:name>MyWCS</wcs:name>", ""), "xlink:href=\"http://cov.test/wcs?\"", ""),
          "Cannot access the node"},
         {"srsName before positions", Replace(Replace(Good, " srsName=\"EPSG:4326\"", ""), "<gml:pos>3 4</gml:pos>", ""),
          "Attribute does not exist"},
-        {"first position before the missing second", Replace(Replace(Good, "<gml:pos>3 4</gml:pos>", ""), ">1 2<", ">1<"),
-         "invalid vector subscript"},
+        {"first position before the missing second",
+         Replace(Replace(Good, "<gml:pos>3 4</gml:pos>", ""), ">1 2<", ">1<"), "invalid vector subscript"},
         {"positions before times", Replace(Replace(Good, ">15 55<", ">x 55<"), "2021-06-15", "never"),
          "invalid stod argument"},
         {"times before label and name", Replace(Replace(Good, "2021-06-15", "never"), "<wcs:label>DEM</wcs:label>", ""),

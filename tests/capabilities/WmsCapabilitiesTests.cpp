@@ -75,7 +75,7 @@ const std::string FullLeaf = R"(<Layer queryable="1">
   <Dimension name="time" units="ISO8601" default="x">ignored,second</Dimension>
 </Layer>)";
 
-} // namespace
+}  // namespace
 
 TEST(WmsCapabilities, ReadsServiceAndTopLayer) {
     const WmsCapabilities caps(Document(Leaf("only")));
@@ -173,8 +173,7 @@ TEST(WmsCapabilities, DimensionKinds) {
 }
 
 TEST(WmsCapabilities, LeavesComeInReverseDocumentOrderAndGroupsAreSkipped) {
-    const std::string layers = Leaf("a") +
-                               "<Layer><Name>group</Name><Title>G</Title>" + Leaf("b") +
+    const std::string layers = Leaf("a") + "<Layer><Name>group</Name><Title>G</Title>" + Leaf("b") +
                                "<Layer><Name>inner</Name>" + Leaf("c") + Leaf("d") + "</Layer>" + Leaf("e") +
                                "</Layer>" + Leaf("f");
     const WmsCapabilities caps(Document(layers));
@@ -224,10 +223,10 @@ TEST(WmsCapabilities, UrlIsTakenAsWrittenWithoutJoiner) {
     const WmsCapabilities caps(document);
     EXPECT_EQ(caps.capabilitiesUrl, "http://maps.test/wmsrequest=GetCapabilities&version=1.3.0");
     // Empty optional parts and format lists are allowed.
-    const std::string bare = Replace(Replace(Replace(document, "<Title>Demo service</Title>", ""),
-                                             "<GetMap><Format>image/png</Format><Format>image/jpeg</Format></GetMap>",
-                                             ""),
-                                     "<Title>Root</Title><Abstract>Everything</Abstract>", "");
+    const std::string bare =
+        Replace(Replace(Replace(document, "<Title>Demo service</Title>", ""),
+                        "<GetMap><Format>image/png</Format><Format>image/jpeg</Format></GetMap>", ""),
+                "<Title>Root</Title><Abstract>Everything</Abstract>", "");
     const WmsCapabilities minimal(bare);
     EXPECT_EQ(minimal.serviceTitle, "");
     EXPECT_TRUE(minimal.mapFormats.empty());
@@ -263,40 +262,51 @@ TEST(WmsCapabilities, FailuresAndTheirOrder) {
         {"leaf without name", Document(Leaf("a") + "<Layer><Title>x</Title></Layer>"), "Attribute does not exist"},
         {"style without name", Replace(good, "<Name>night</Name>", ""), "Attribute does not exist"},
         {"legend without format", Replace(good, "<Format>image/png</Format>\n", ""), "Attribute does not exist"},
-        {"legend without online resource", Replace(good, "<OnlineResource xlink:type=\"simple\" xlink:href=\"http://maps.test/legend.png\"/>", ""),
+        {"legend without online resource",
+         Replace(good, "<OnlineResource xlink:type=\"simple\" xlink:href=\"http://maps.test/legend.png\"/>", ""),
          "Attribute does not exist"},
-        {"legend resource without type", Replace(good, "xlink:type=\"simple\" xlink:href=\"http://maps.test/legend", "xlink:href=\"http://maps.test/legend"),
+        {"legend resource without type",
+         Replace(good, "xlink:type=\"simple\" xlink:href=\"http://maps.test/legend",
+                 "xlink:href=\"http://maps.test/legend"),
          "Attribute does not exist"},
         {"legend width not a number", Replace(good, "width=\"120\"", "width=\"wide\""), "invalid stoll argument"},
-        {"legend height out of range", Replace(good, "4294967336", "99999999999999999999"), "stoll argument out of range"},
+        {"legend height out of range", Replace(good, "4294967336", "99999999999999999999"),
+         "stoll argument out of range"},
         {"dimension without units", Replace(good, "units=\"m\" ", ""), "Attribute does not exist"},
         {"dimension without default", Replace(good, "default=\"0\"", ""), "Attribute does not exist"},
         {"dimension without name", Replace(good, "name=\"elevation\" ", ""), "Attribute does not exist"},
-        {"bbox without CRS", Replace(good, "<BoundingBox CRS=\"EPSG:25832\"", "<BoundingBox"), "Attribute does not exist"},
+        {"bbox without CRS", Replace(good, "<BoundingBox CRS=\"EPSG:25832\"", "<BoundingBox"),
+         "Attribute does not exist"},
         {"bbox without maxx", Replace(good, "maxx=\"200000\"", ""), "Attribute does not exist"},
         {"bbox corner not a number", Replace(good, "miny=\"5200000\"", "miny=\"south\""), "invalid stod argument"},
         {"bbox corner out of range", Replace(good, "maxy=\"5300000\"", "maxy=\"1e999\""), "stod argument out of range"},
-        {"geographic side missing", Replace(good, "<northBoundLatitude>47</northBoundLatitude>", ""), "Attribute does not exist"},
+        {"geographic side missing", Replace(good, "<northBoundLatitude>47</northBoundLatitude>", ""),
+         "Attribute does not exist"},
         {"geographic side not a number", Replace(good, ">12</westBoundLongitude>", ">west</westBoundLongitude>"),
          "invalid stod argument"},
         {"top layer box not a number", Replace(good, ">-10</westBoundLongitude>", "></westBoundLongitude>"),
          "invalid stod argument"},
         // Which failure comes first.
-        {"legend width before its format", Replace(Replace(good, "width=\"120\"", "width=\"w\""), "<Format>image/png</Format>\n", ""),
+        {"legend width before its format",
+         Replace(Replace(good, "width=\"120\"", "width=\"w\""), "<Format>image/png</Format>\n", ""),
          "invalid stoll argument"},
         {"styles before dimensions", Replace(Replace(good, "width=\"120\"", "width=\"w\""), "units=\"m\" ", ""),
          "invalid stoll argument"},
         {"dimensions before boxes", Replace(Replace(good, "units=\"m\" ", ""), "miny=\"5200000\"", "miny=\"s\""),
          "Attribute does not exist"},
-        {"bbox CRS before corners", Replace(Replace(good, "<BoundingBox CRS=\"EPSG:25832\"", "<BoundingBox"), "miny=\"5200000\"", "miny=\"s\""),
+        {"bbox CRS before corners",
+         Replace(Replace(good, "<BoundingBox CRS=\"EPSG:25832\"", "<BoundingBox"), "miny=\"5200000\"", "miny=\"s\""),
          "Attribute does not exist"},
         {"miny before minx", Replace(Replace(good, "miny=\"5200000\"", "miny=\"s\""), "minx=\"300000\"", ""),
          "invalid stod argument"},
         {"boxes before the name", Replace(Replace(good, "miny=\"5200000\"", "miny=\"s\""), "<Name>roads</Name>", ""),
          "invalid stod argument"},
-        {"west before south", Replace(Replace(good, ">12</westBoundLongitude>", ">w</westBoundLongitude>"), "<southBoundLatitude>50</southBoundLatitude>", ""),
+        {"west before south",
+         Replace(Replace(good, ">12</westBoundLongitude>", ">w</westBoundLongitude>"),
+                 "<southBoundLatitude>50</southBoundLatitude>", ""),
          "invalid stod argument"},
-        {"top layer before leaves", Replace(Replace(good, ">-10</westBoundLongitude>", ">w</westBoundLongitude>"), "<Name>roads</Name>", ""),
+        {"top layer before leaves",
+         Replace(Replace(good, ">-10</westBoundLongitude>", ">w</westBoundLongitude>"), "<Name>roads</Name>", ""),
          "invalid stod argument"},
         {"last leaf is read first",
          Document(Leaf("first", "<BoundingBox CRS=\"c\" minx=\"x\" miny=\"1\" maxx=\"1\" maxy=\"1\"/>") +

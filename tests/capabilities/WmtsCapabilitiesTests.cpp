@@ -39,7 +39,8 @@ SETS
 std::string Matrix(const std::string& id, const std::string& scale, const std::string& tile = "256") {
     return "<TileMatrix><ows:Identifier>" + id + "</ows:Identifier><ScaleDenominator>" + scale +
            "</ScaleDenominator><TopLeftCorner>-20037508.5 20037508.25</TopLeftCorner><TileWidth>" + tile +
-           "</TileWidth><TileHeight>" + tile + "</TileHeight><MatrixWidth>2</MatrixWidth><MatrixHeight>3</MatrixHeight>"
+           "</TileWidth><TileHeight>" + tile +
+           "</TileHeight><MatrixWidth>2</MatrixWidth><MatrixHeight>3</MatrixHeight>"
            "</TileMatrix>";
 }
 
@@ -49,7 +50,8 @@ std::string Set(const std::string& id, const std::string& matrices,
            "</ows:Identifier><ows:SupportedCRS>" + crs + "</ows:SupportedCRS>" + matrices + "</TileMatrixSet>";
 }
 
-const std::string DefaultStyle = R"(<Style isDefault="true"><ows:Title>Default</ows:Title><ows:Identifier>default</ows:Identifier>
+const std::string DefaultStyle =
+    R"(<Style isDefault="true"><ows:Title>Default</ows:Title><ows:Identifier>default</ows:Identifier>
   <LegendURL format="image/png" xlink:href="http://tiles.test/legend.png"/></Style>)";
 const std::string PngResource =
     R"(<ResourceURL format="image/png" resourceType="tile" template="http://tiles.test/{TileMatrix}/{TileRow}/{TileCol}.png"/>)";
@@ -72,7 +74,7 @@ std::string Document(const std::string& layers, const std::string& sets) {
 const std::string StandardSet = Set("WebMercatorQuad", Matrix("1", "279541132.01") + Matrix("0", "559082264.03"));
 const std::string StandardDocument = Document(Layer("osm", {"WebMercatorQuad"}), StandardSet);
 
-} // namespace
+}  // namespace
 
 TEST(WmtsCapabilities, ReadsServiceSetsAndLayers) {
     const std::string extra = R"(<ows:BoundingBox crs="urn:ogc:def:crs:EPSG::3857">
@@ -82,8 +84,9 @@ TEST(WmtsCapabilities, ReadsServiceSetsAndLayers) {
         "<ows:LowerCorner>30 50</ows:LowerCorner><ows:UpperCorner>10 40</ows:UpperCorner></ows:WGS84BoundingBox>" +
         DefaultStyle + PngResource + extra +
         "<TileMatrixSetLink><TileMatrixSet>WebMercatorQuad</TileMatrixSet></TileMatrixSetLink></Layer>";
-    const WmtsCapabilities caps(Document(Layer("osm", {"WebMercatorQuad"}) + layer,
-                                         StandardSet + Set("Other", Matrix("a", "1000"), "urn:ogc:def:crs:EPSG::25832")));
+    const WmtsCapabilities caps(
+        Document(Layer("osm", {"WebMercatorQuad"}) + layer,
+                 StandardSet + Set("Other", Matrix("a", "1000"), "urn:ogc:def:crs:EPSG::25832")));
     EXPECT_EQ(caps.title, "Tiles");
     EXPECT_EQ(caps.abstract, "Tiled maps");
     EXPECT_EQ(caps.capabilitiesUrl, "http://tiles.test/wmts?request=GetCapabilities&version=1.0.0");
@@ -143,7 +146,8 @@ TEST(WmtsCapabilities, CapabilitiesUrlSources) {
                 "<servicemetadataurl xlink:href=\"http://tiles.test/1.0.0/WMTSCapabilities.xml\"/></Capabilities>");
     EXPECT_EQ(WmtsCapabilities(withMetadata).capabilitiesUrl, "http://tiles.test/1.0.0/WMTSCapabilities.xml");
     // The DCP path is matched in any letter case, the operation's element name exactly.
-    const std::string lowerDcp = Replace(StandardDocument, "<ows:DCP><ows:HTTP><ows:Get", "<ows:dcp><ows:http><ows:get");
+    const std::string lowerDcp =
+        Replace(StandardDocument, "<ows:DCP><ows:HTTP><ows:Get", "<ows:dcp><ows:http><ows:get");
     EXPECT_EQ(WmtsCapabilities(lowerDcp).capabilitiesUrl,
               "http://tiles.test/wmts?request=GetCapabilities&version=1.0.0");
     EXPECT_EQ(WmtsCapabilities(Replace(StandardDocument, "<ows:Operation ", "<ows:operation ")).capabilitiesUrl, "");
@@ -154,8 +158,7 @@ TEST(WmtsCapabilities, CapabilitiesUrlSources) {
 
 TEST(WmtsCapabilities, KvpFallbackMakesOneTemplatePerFormat) {
     const std::string formats = "<Format>image/jpeg</Format><Format>image/png</Format>";
-    const WmtsCapabilities caps(
-        Document(Layer("kvp", {"WebMercatorQuad"}, DefaultStyle, "", formats), StandardSet));
+    const WmtsCapabilities caps(Document(Layer("kvp", {"WebMercatorQuad"}, DefaultStyle, "", formats), StandardSet));
     const WmtsLayer& layer = caps.layers.at(0);
     EXPECT_EQ(layer->currentFormat, "image/jpeg");
     EXPECT_EQ(layer->tileResources.size(), 2u);
@@ -167,11 +170,14 @@ TEST(WmtsCapabilities, KvpFallbackMakesOneTemplatePerFormat) {
     EXPECT_NE(layer->GetCurrentResource().urlTemplate.find("&FORMAT=image/png&"), std::string::npos);
 
     // Without a GetTile operation the href is empty; with ResourceURL the formats are ignored.
-    const std::string noGetTile = Replace(Document(Layer("kvp", {"WebMercatorQuad"}, DefaultStyle, "", formats), StandardSet),
-                                          "name=\"GetTile\"", "name=\"GetFeatureInfo\"");
-    EXPECT_EQ(WmtsCapabilities(noGetTile).layers.at(0)->GetCurrentResource().urlTemplate.rfind("REQUEST=GetTile&LAYER=kvp&", 0),
+    const std::string noGetTile =
+        Replace(Document(Layer("kvp", {"WebMercatorQuad"}, DefaultStyle, "", formats), StandardSet), "name=\"GetTile\"",
+                "name=\"GetFeatureInfo\"");
+    EXPECT_EQ(WmtsCapabilities(noGetTile).layers.at(0)->GetCurrentResource().urlTemplate.rfind(
+                  "REQUEST=GetTile&LAYER=kvp&", 0),
               0u);
-    const WmtsCapabilities both(Document(Layer("rest", {"WebMercatorQuad"}, DefaultStyle, PngResource, formats), StandardSet));
+    const WmtsCapabilities both(
+        Document(Layer("rest", {"WebMercatorQuad"}, DefaultStyle, PngResource, formats), StandardSet));
     EXPECT_EQ(both.layers.at(0)->tileResources.size(), 1u);
 }
 
@@ -215,11 +221,10 @@ TEST(WmtsCapabilities, DefaultStyleIsTheLastMarkedElseTheFirst) {
 }
 
 TEST(WmtsCapabilities, DefaultTileMatrixSet) {
-    const std::string sets = Set("Plain", Matrix("0", "1000")) + Set("Grid3857", Matrix("0", "1000")) +
-                             Set("Google900913", Matrix("0", "1000")) +
-                             Set("Big", Matrix("0", "1000", "512") + Matrix("1", "500")) +
-                             Set("AlsoBig", Matrix("0", "2000", "512")) +
-                             Set("Small", Matrix("1", "10") + Matrix("0", "5000"));
+    const std::string sets =
+        Set("Plain", Matrix("0", "1000")) + Set("Grid3857", Matrix("0", "1000")) +
+        Set("Google900913", Matrix("0", "1000")) + Set("Big", Matrix("0", "1000", "512") + Matrix("1", "500")) +
+        Set("AlsoBig", Matrix("0", "2000", "512")) + Set("Small", Matrix("1", "10") + Matrix("0", "5000"));
     struct Row {
         const char* name;
         Strings links;
@@ -269,8 +274,7 @@ TEST(WmtsCapabilities, SettersAndCurrentLookups) {
 
 TEST(WmtsCapabilities, FailuresAndTheirOrder) {
     const std::string good = StandardDocument;
-    const std::string noIdentification =
-        Replace(good, "<ows:ServiceType>OGC WMTS</ows:ServiceType>", "");
+    const std::string noIdentification = Replace(good, "<ows:ServiceType>OGC WMTS</ows:ServiceType>", "");
     const std::string stateless = Replace(Replace(good, "ows:ServiceIdentification", "ows:Other"), "Contents", "Stuff");
     const FailureCase cases[] = {
         {"malformed xml", Replace(good, "</Contents>", ""), "unexpected end of data"},
@@ -282,9 +286,11 @@ TEST(WmtsCapabilities, FailuresAndTheirOrder) {
          "Missing <ows:ServiceType>OGC WMTS</ows:ServiceType>!"},
         {"identification without contents", Replace(good, "Contents", "Stuff"), "<no exception>"},
         {"no service type", noIdentification, "Missing <ows:ServiceType>OGC WMTS</ows:ServiceType>!"},
-        {"other service type", Replace(good, ">OGC WMTS<", ">OGC WMS<"), "Missing <ows:ServiceType>OGC WMTS</ows:ServiceType>!"},
+        {"other service type", Replace(good, ">OGC WMTS<", ">OGC WMS<"),
+         "Missing <ows:ServiceType>OGC WMTS</ows:ServiceType>!"},
         {"plain WMTS is fine", Replace(good, ">OGC WMTS<", ">WMTS<"), "<no exception>"},
-        {"service type with a blank", Replace(good, ">OGC WMTS<", ">WMTS <"), "Missing <ows:ServiceType>OGC WMTS</ows:ServiceType>!"},
+        {"service type with a blank", Replace(good, ">OGC WMTS<", ">WMTS <"),
+         "Missing <ows:ServiceType>OGC WMTS</ows:ServiceType>!"},
         {"short EPSG code", Replace(good, "urn:ogc:def:crs:EPSG::3857", "EPSG:3857"),
          "Unsupported format! Following format is supported: urn:ogc:def:crs:EPSG::4326"},
         {"OGC CRS URN", Replace(good, "urn:ogc:def:crs:EPSG::3857", "urn:ogc:def:crs:OGC:1.3:CRS84"),
@@ -300,7 +306,8 @@ TEST(WmtsCapabilities, FailuresAndTheirOrder) {
          "Attribute does not exist"},
         {"set without CRS", Replace(good, "<ows:SupportedCRS>urn:ogc:def:crs:EPSG::3857</ows:SupportedCRS>", ""),
          "Attribute does not exist"},
-        {"matrix without identifier", Replace(good, "<ows:Identifier>1</ows:Identifier>", ""), "Attribute does not exist"},
+        {"matrix without identifier", Replace(good, "<ows:Identifier>1</ows:Identifier>", ""),
+         "Attribute does not exist"},
         {"matrix without scale", Replace(good, "<ScaleDenominator>279541132.01</ScaleDenominator>", ""),
          "Attribute does not exist"},
         {"matrix without width", Replace(good, "<MatrixWidth>2</MatrixWidth>", ""), "Attribute does not exist"},
@@ -310,44 +317,57 @@ TEST(WmtsCapabilities, FailuresAndTheirOrder) {
         {"tile width not a number", Replace(good, "<TileWidth>256", "<TileWidth>px"), "invalid stoll argument"},
         {"matrix height out of range", Replace(good, "<MatrixHeight>3", "<MatrixHeight>99999999999999999999"),
          "stoll argument out of range"},
-        {"corner with one number", Replace(good, ">-20037508.5 20037508.25<", ">-20037508.5<"), "invalid vector subscript"},
+        {"corner with one number", Replace(good, ">-20037508.5 20037508.25<", ">-20037508.5<"),
+         "invalid vector subscript"},
         {"metadata URL without href", Replace(good, "</Capabilities>", "<ServiceMetadataURL/></Capabilities>"),
          "Attribute does not exist"},
         {"GetCapabilities without GET", Replace(good, "<ows:Get xlink:href=\"http://tiles.test/wmts?\"/>", ""),
          "Attribute does not exist"},
-        {"layer without identifier", Replace(good, "<ows:Identifier>osm</ows:Identifier>", ""), "Attribute does not exist"},
+        {"layer without identifier", Replace(good, "<ows:Identifier>osm</ows:Identifier>", ""),
+         "Attribute does not exist"},
         {"layer without upper corner", Replace(good, "<ows:UpperCorner>180 85</ows:UpperCorner>", ""),
          "Attribute does not exist"},
         {"lower corner with one number", Replace(good, ">-180 -85<", ">-180<"), "invalid vector subscript"},
         {"bounding box without crs",
          Document(Layer("l", {"WebMercatorQuad"}, DefaultStyle, PngResource,
-                        "<ows:BoundingBox><ows:LowerCorner>0 0</ows:LowerCorner><ows:UpperCorner>1 1</ows:UpperCorner></ows:BoundingBox>"),
+                        "<ows:BoundingBox><ows:LowerCorner>0 0</ows:LowerCorner><ows:UpperCorner>1 "
+                        "1</ows:UpperCorner></ows:BoundingBox>"),
                   StandardSet),
          "Attribute does not exist"},
-        {"resource without template", Replace(good, " template=\"http://tiles.test/{TileMatrix}/{TileRow}/{TileCol}.png\"", ""),
+        {"resource without template",
+         Replace(good, " template=\"http://tiles.test/{TileMatrix}/{TileRow}/{TileCol}.png\"", ""),
          "Attribute does not exist"},
-        {"KVP fallback without GET", Replace(Document(Layer("l", {"WebMercatorQuad"}, DefaultStyle, ""), StandardSet),
-                                             "<ows:Get xlink:href=\"http://tiles.test/kvp?\"/>", ""),
+        {"KVP fallback without GET",
+         Replace(Document(Layer("l", {"WebMercatorQuad"}, DefaultStyle, ""), StandardSet),
+                 "<ows:Get xlink:href=\"http://tiles.test/kvp?\"/>", ""),
          "Attribute does not exist"},
-        {"style without identifier", Replace(good, "<ows:Identifier>default</ows:Identifier>", ""), "Attribute does not exist"},
+        {"style without identifier", Replace(good, "<ows:Identifier>default</ows:Identifier>", ""),
+         "Attribute does not exist"},
         {"link to an unknown set", Document(Layer("l", {"Elsewhere"}), StandardSet), "invalid unordered_map<K, T> key"},
         {"no style", Document(Layer("l", {"WebMercatorQuad"}, ""), StandardSet), "WMTS layer \"l\" has no Style"},
         {"no link", Document(Layer("l", {}), StandardSet), "WMTS layer \"l\" has no TileMatrixSetLink"},
-        {"linked set without matrices", Document(Layer("l", {"WebMercatorQuad", "Empty"}), StandardSet + Set("Empty", "")),
+        {"linked set without matrices",
+         Document(Layer("l", {"WebMercatorQuad", "Empty"}), StandardSet + Set("Empty", "")),
          "WMTS layer \"l\" links the tile matrix set \"Empty\", which has no TileMatrix"},
         // Which failure comes first.
         {"service type before sets", Replace(Replace(good, ">OGC WMTS<", ">WMS<"), "EPSG::3857", "EPSG::x"),
          "Missing <ows:ServiceType>OGC WMTS</ows:ServiceType>!"},
-        {"CRS form before matrices", Replace(Replace(good, "urn:ogc:def:crs:EPSG::3857", "EPSG:3857"), ">279541132.01<", "><"),
+        {"CRS form before matrices",
+         Replace(Replace(good, "urn:ogc:def:crs:EPSG::3857", "EPSG:3857"), ">279541132.01<", "><"),
          "Unsupported format! Following format is supported: urn:ogc:def:crs:EPSG::4326"},
-        {"sets before the capabilities URL", Replace(Replace(good, "EPSG::3857", "EPSG::x"), "<ows:Get xlink:href=\"http://tiles.test/wmts?\"/>", ""),
+        {"sets before the capabilities URL",
+         Replace(Replace(good, "EPSG::3857", "EPSG::x"), "<ows:Get xlink:href=\"http://tiles.test/wmts?\"/>", ""),
          "invalid stoi argument"},
-        {"capabilities URL before layers", Replace(Replace(good, "<ows:Get xlink:href=\"http://tiles.test/wmts?\"/>", ""), ">-180 -85<", ">-180<"),
+        {"capabilities URL before layers",
+         Replace(Replace(good, "<ows:Get xlink:href=\"http://tiles.test/wmts?\"/>", ""), ">-180 -85<", ">-180<"),
          "Attribute does not exist"},
-        {"upper corner before lower", Replace(Replace(good, ">180 85<", ">180<"), "<ows:LowerCorner>-180 -85</ows:LowerCorner>", ""),
+        {"upper corner before lower",
+         Replace(Replace(good, ">180 85<", ">180<"), "<ows:LowerCorner>-180 -85</ows:LowerCorner>", ""),
          "invalid vector subscript"},
-        {"styles before links", Document(Layer("l", {"Elsewhere"}, "<Style/>"), StandardSet), "Attribute does not exist"},
-        {"links before the defaults", Document(Layer("l", {"Elsewhere"}, ""), StandardSet), "invalid unordered_map<K, T> key"},
+        {"styles before links", Document(Layer("l", {"Elsewhere"}, "<Style/>"), StandardSet),
+         "Attribute does not exist"},
+        {"links before the defaults", Document(Layer("l", {"Elsewhere"}, ""), StandardSet),
+         "invalid unordered_map<K, T> key"},
     };
     for (const FailureCase& c : cases) {
         SCOPED_TRACE(c.name);

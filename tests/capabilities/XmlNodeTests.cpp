@@ -42,7 +42,7 @@ constexpr const char* Document = R"(<?xml version="1.0"?>
   <Empty/>
 </root>)";
 
-} // namespace
+}  // namespace
 
 TEST(SplitString, PiecesAndSpecialForms) {
     struct Row {
@@ -97,8 +97,7 @@ TEST(XmlNode, FindNodesCollectsAllMatchesInDocumentOrder) {
     EXPECT_EQ(Texts(root.FindNodes("Item")), (Pieces{"one", "five & more"}));
     EXPECT_EQ(Texts(root.FindNodes("Group/Item")), (Pieces{"two", "three", "four"}));
     EXPECT_EQ(Names(root.FindNodes("Group/*")), (Pieces{"Item", "Other", "Item", "Item"}));
-    EXPECT_EQ(Names(root.FindNodes("*")),
-              (Pieces{"ows:Title", "Item", "Group", "Group", "Item", "Number", "Empty"}));
+    EXPECT_EQ(Names(root.FindNodes("*")), (Pieces{"ows:Title", "Item", "Group", "Group", "Item", "Number", "Empty"}));
     EXPECT_EQ(root.FindNodes("GROUP/ITEM", false).size(), 3u);
     EXPECT_TRUE(root.FindNodes("Group/Missing").empty());
     EXPECT_TRUE(root.FindNodes("").empty());

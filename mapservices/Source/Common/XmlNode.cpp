@@ -39,7 +39,7 @@ void AppendChildren(const Element* parent, std::string_view name, bool caseSensi
 
 [[noreturn]] void ThrowMissing() { throw std::runtime_error(AttributeDoesNotExist); }
 
-} // namespace
+}  // namespace
 
 std::vector<std::string> SplitString(std::string_view text, std::string_view delimiter) {
     std::vector<std::string> pieces;
@@ -134,4 +134,4 @@ XmlNode XmlDocument::FirstElement(std::string_view name) const {
     return {};
 }
 
-} // namespace MapServices
+}  // namespace MapServices

@@ -69,7 +69,7 @@ WcsLayer ReadCoverage(const XmlNode& element, const std::string& endpoint, int32
     return layer;
 }
 
-} // namespace
+}  // namespace
 
 WcsCapabilities::WcsCapabilities(std::string_view xml) {
     const XmlDocument document(WithoutWcsPrefix(xml));
@@ -117,4 +117,4 @@ WcsCapabilities::WcsCapabilities(std::string_view xml) {
         layers.push_back(ReadCoverage(coverage, endpoint, method, capabilitiesUrl));
 }
 
-} // namespace MapServices::Wcs
+}  // namespace MapServices::Wcs

@@ -18,7 +18,7 @@ const WmsDimension* FindDimension(const std::vector<WmsDimension>& dimensions, s
     return nullptr;
 }
 
-} // namespace
+}  // namespace
 
 std::optional<WmsDimension> WmsLayerImpl::GetTimeDimension() const {
     if (const WmsDimension* dimension = FindDimension(dimensions, "time")) return *dimension;
@@ -36,7 +36,7 @@ WmsDimension& WmsLayerImpl::TimeDimension() {
     throw std::runtime_error("Time dimension not present");
 }
 
-} // namespace impl
+}  // namespace impl
 
 namespace {
 
@@ -139,7 +139,7 @@ void AppendTexts(const XmlNode& from, std::string_view path, std::vector<std::st
     for (const XmlNode& node : from.FindNodes(path)) out.push_back(node.Value());
 }
 
-} // namespace
+}  // namespace
 
 WmsCapabilities::WmsCapabilities(std::string text) : xml(std::move(text)) {
     const XmlDocument document(xml);
@@ -155,9 +155,8 @@ WmsCapabilities::WmsCapabilities(std::string text) : xml(std::move(text)) {
     serviceAbstract = service.FindNode("Abstract").ValueOr("");
 
     const XmlNode capability = root.FindNode("Capability");
-    url = capability.FindNode("Request/GetCapabilities/DCPType/HTTP/Get/OnlineResource")
-              .Attribute("xlink:href")
-              .Value();
+    url =
+        capability.FindNode("Request/GetCapabilities/DCPType/HTTP/Get/OnlineResource").Attribute("xlink:href").Value();
     capabilitiesUrl = url + "request=GetCapabilities&version=" + version;
 
     AppendTexts(capability, "Request/GetMap/Format", mapFormats);
@@ -192,4 +191,4 @@ WmsLayer WmsCapabilities::GetLayer(const std::string& name) const {
     return {};
 }
 
-} // namespace MapServices::Wms
+}  // namespace MapServices::Wms

@@ -45,7 +45,7 @@ bool NamesWebMercator(const std::string& identifier) {
     return identifier.find("900913") != std::string::npos || identifier.find("3857") != std::string::npos;
 }
 
-} // namespace
+}  // namespace
 
 WmtsLayerImpl::WmtsLayerImpl(std::string title_, std::string identifier_, std::string capabilitiesUrl_,
                              const WmtsBoundingBox& boundingBox, const BoundingBoxValue& wgs84Box_,
@@ -121,17 +121,15 @@ void Choose(const Map& map, const std::string& key, std::string& current) {
     current = key;
 }
 
-} // namespace
+}  // namespace
 
 void WmtsLayerImpl::SetStyle(const std::string& value) { Choose(styles, value, currentStyle); }
 
 void WmtsLayerImpl::SetFormat(const std::string& value) { Choose(tileResources, value, currentFormat); }
 
-void WmtsLayerImpl::SetTileMatrixSet(const std::string& value) {
-    Choose(tileMatrixSets, value, currentTileMatrixSet);
-}
+void WmtsLayerImpl::SetTileMatrixSet(const std::string& value) { Choose(tileMatrixSets, value, currentTileMatrixSet); }
 
-} // namespace impl
+}  // namespace impl
 
 namespace {
 
@@ -253,11 +251,11 @@ WmtsLayer ReadLayer(const XmlNode& element, const std::vector<XmlNode>& operatio
         linked.push_back(Core::MapAt(sets, link.View()));
 
     std::string title = element.FindNode("ows:Title").ValueOr("");
-    return Core::MakeObject<impl::WmtsLayerImpl>(std::move(title), std::move(identifier), capabilitiesUrl,
-                                                 boundingBox, wgs84Box, resources, styles, linked);
+    return Core::MakeObject<impl::WmtsLayerImpl>(std::move(title), std::move(identifier), capabilitiesUrl, boundingBox,
+                                                 wgs84Box, resources, styles, linked);
 }
 
-} // namespace
+}  // namespace
 
 WmtsCapabilities::WmtsCapabilities(std::string text) : xml(std::move(text)) {
     const XmlDocument document(xml);
@@ -301,4 +299,4 @@ WmtsCapabilities::WmtsCapabilities(std::string text) : xml(std::move(text)) {
         layers.push_back(ReadLayer(node, operations, sets, capabilitiesUrl));
 }
 
-} // namespace MapServices::Wmts
+}  // namespace MapServices::Wmts

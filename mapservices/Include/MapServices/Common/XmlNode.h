@@ -26,8 +26,7 @@ void ForEachSplitPiece(std::string_view text, std::string_view delimiter, F&& pi
     }
     bool added = false;
     size_t position = 0;
-    for (size_t found = text.find(delimiter); found != std::string_view::npos;
-         found = text.find(delimiter, position)) {
+    for (size_t found = text.find(delimiter); found != std::string_view::npos; found = text.find(delimiter, position)) {
         if (found > position) {
             piece(text.substr(position, found - position));
             added = true;
@@ -119,4 +118,4 @@ private:
     std::unique_ptr<rapidxml::xml_document<char>> document_;
 };
 
-} // namespace MapServices
+}  // namespace MapServices

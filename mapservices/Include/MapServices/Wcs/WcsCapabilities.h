@@ -38,7 +38,7 @@ protected:
     ~WcsLayerImpl() override = default;
 };
 
-} // namespace impl
+}  // namespace impl
 
 using WcsLayer = Core::CheckedPtr<impl::WcsLayerImpl>;
 
@@ -59,4 +59,4 @@ public:
     std::vector<WcsLayer> layers;
 };
 
-} // namespace MapServices::Wcs
+}  // namespace MapServices::Wcs

@@ -73,7 +73,7 @@ protected:
     ~WmsLayerImpl() override = default;
 };
 
-} // namespace impl
+}  // namespace impl
 
 using WmsLayer = Core::CheckedPtr<impl::WmsLayerImpl>;
 
@@ -105,4 +105,4 @@ public:
     std::vector<WmsBoundingBox> boundingBoxes;
 };
 
-} // namespace MapServices::Wms
+}  // namespace MapServices::Wms

@@ -75,7 +75,7 @@ protected:
     ~TileMatrixSetImpl() override = default;
 };
 
-} // namespace impl
+}  // namespace impl
 
 using TileMatrixSet = Core::CheckedPtr<impl::TileMatrixSetImpl>;
 
@@ -126,7 +126,7 @@ protected:
     ~WmtsLayerImpl() override = default;
 };
 
-} // namespace impl
+}  // namespace impl
 
 using WmtsLayer = Core::CheckedPtr<impl::WmtsLayerImpl>;
 
@@ -144,4 +144,4 @@ public:
     std::vector<TileMatrixSet> tileMatrixSets;
 };
 
-} // namespace MapServices::Wmts
+}  // namespace MapServices::Wmts
