@@ -1,9 +1,8 @@
 #include <gtest/gtest.h>
+#include <tiffio.h>
 
 #include <functional>
 #include <random>
-
-#include <tiffio.h>
 
 #include "Private/Spatial/Raster/AffineMap.h"
 #include "Private/Spatial/Raster/ImageBase.h"
@@ -61,10 +60,8 @@ TEST(MemoryPixelAccessor, LayoutFieldsFollowTheImage) {
         int32_t pixelSize;
         uint64_t valueBytes, lowMask, highMask;
     } rows[] = {
-        {1, 4, 8, 4, 4, 0xFFFFFFFFull, 0xFFFFFFFF00000000ull},
-        {1, 1, 16, 2, 2, 0xFFFFull, 0xFFFFFFFFFFFF0000ull},
-        {1, 3, 8, 3, 3, 0xFFFFFFull, 0xFFFFFFFFFF000000ull},
-        {3, 1, 64, 8, 4, 0xFFFFFFFFull, 0xFFFFFFFF00000000ull},
+        {1, 4, 8, 4, 4, 0xFFFFFFFFull, 0xFFFFFFFF00000000ull}, {1, 1, 16, 2, 2, 0xFFFFull, 0xFFFFFFFFFFFF0000ull},
+        {1, 3, 8, 3, 3, 0xFFFFFFull, 0xFFFFFFFFFF000000ull},   {3, 1, 64, 8, 4, 0xFFFFFFFFull, 0xFFFFFFFF00000000ull},
         {1, 1, 8, 1, 1, 0xFFull, 0xFFFFFFFFFFFFFF00ull},
     };
     for (const Row& row : rows) {

@@ -1,12 +1,12 @@
 #pragma once
 // Images, CRSs and a plain PROJ transformation for the raster tests.
+#include <proj.h>
+
 #include <cstdint>
 #include <cstring>
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-#include <proj.h>
 
 #include "Core/AbiGuard.h"
 #include "Core/ObjectImplBase.h"
@@ -41,7 +41,9 @@ inline Ptr<ICrs> Crs(uint32_t code) {
 }
 
 // The holder that maps `from` coordinates to `to` coordinates.
-inline CrsTransformationHolder Holder(uint32_t from, uint32_t to) { return CrsTransformationHolder(Crs(from), Crs(to)); }
+inline CrsTransformationHolder Holder(uint32_t from, uint32_t to) {
+    return CrsTransformationHolder(Crs(from), Crs(to));
+}
 
 inline Ptr<ITransform> Transform(double scaleX, double scaleY, double originX, double originY, double skewX = 0.0,
                                  double skewY = 0.0) {

@@ -75,8 +75,8 @@ TilePixelAccessor::TilePixelAccessor(ITiledTiffImage* image, uint32_t maxValueBy
 void TilePixelAccessor::ReadTileLayout() {
     tileRowBytes = tiledImage->GetTileRowBytes();
     tileRows = tiledImage->GetTileByteCount();
-    tilePixelsAcross = static_cast<int64_t>(static_cast<double>(tileRowBytes) /
-                                            (bitsPerSample * 0.125 * samplesPerPixel));
+    tilePixelsAcross =
+        static_cast<int64_t>(static_cast<double>(tileRowBytes) / (bitsPerSample * 0.125 * samplesPerPixel));
     tileRowsDown = tileRows / tileRowBytes;
 }
 

@@ -63,7 +63,7 @@ public:
     uint8_t* GetPixelAt(int64_t index) override;
     // Null when the tile of (x, y) can't be had.
     uint8_t* GetPixel(int32_t x, int32_t y) override;
-    std::vector<uint8_t> GetBytes() override;          // throws "Not implemented."
+    std::vector<uint8_t> GetBytes() override;         // throws "Not implemented."
     void SetBytes(const uint8_t*, uint64_t) override; // throws "Not implemented."
 
     // Makes the tile of pixel (x, y) the current one.

@@ -32,9 +32,7 @@ constexpr const char* kFunction = "Tellar::Spatial::Raster::RasterUtils::Reproje
 constexpr const char* kFile = "RasterUtils.cpp";
 constexpr int64_t kPixelsPerThread = 1000000;
 
-void Log(int line, const std::string& text) {
-    Platform::LogMessage(Platform::LogDebug, kFunction, kFile, line, text);
-}
+void Log(int line, const std::string& text) { Platform::LogMessage(Platform::LogDebug, kFunction, kFile, line, text); }
 
 // Everything the sampling threads read; built on the calling thread before they start.
 struct SamplingJob {
@@ -95,8 +93,8 @@ void ComputeCoordinates(CrsTransformationHolder& inverse, const AffineMap& targe
     const int64_t offset = start * width;
     Ptr<Core::IErrorCode> error;
     if (!inverse.transformation->TransformArrays(static_cast<uint64_t>((end - start) * width),
-                                                 Tellar::Interfaces::TransformForward, worldX + offset,
-                                                 worldY + offset, nullptr, error.ReceiveAddress()))
+                                                 Tellar::Interfaces::TransformForward, worldX + offset, worldY + offset,
+                                                 nullptr, error.ReceiveAddress()))
         Core::ThrowIfError(error);
 }
 
@@ -152,10 +150,8 @@ Ptr<IImage> RasterUtils::ReprojectImage(IImage* sourceImage, CrsTransformationHo
     // 5. The box of the source corners in the target CRS.
     MapServices::BoundingBoxValue box;
     {
-        const double corners[4][2] = {{0.0, 0.0},
-                                      {double(srcWidth), double(srcHeight)},
-                                      {0.0, double(srcHeight)},
-                                      {double(srcWidth), 0.0}};
+        const double corners[4][2] = {
+            {0.0, 0.0}, {double(srcWidth), double(srcHeight)}, {0.0, double(srcHeight)}, {double(srcWidth), 0.0}};
         double points[4 * 4] = {};
         for (int k = 0; k < 4; ++k)
             sourceTransform->PixelToWorld(corners[k][0], corners[k][1], &points[4 * k], &points[4 * k + 1],
@@ -184,8 +180,8 @@ Ptr<IImage> RasterUtils::ReprojectImage(IImage* sourceImage, CrsTransformationHo
     // 7, 8. Size of the target and the number of threads.
     const int32_t width = std::abs(static_cast<int32_t>(std::trunc((box.maxX - box.minX) / resX))) + 1;
     const int32_t height = std::abs(static_cast<int32_t>(std::trunc((box.maxY - box.minY) / resY))) + 1;
-    const auto pixels = static_cast<int64_t>(static_cast<int32_t>(static_cast<uint32_t>(width) *
-                                                                  static_cast<uint32_t>(height)));
+    const auto pixels =
+        static_cast<int64_t>(static_cast<int32_t>(static_cast<uint32_t>(width) * static_cast<uint32_t>(height)));
     int64_t threads = std::max<int64_t>(1, pixels / kPixelsPerThread);
     threads = std::min<int64_t>(threads, hardwareConcurrency);
     // At least one row per thread, so that a wide picture of few rows still moves on.
@@ -211,9 +207,8 @@ Ptr<IImage> RasterUtils::ReprojectImage(IImage* sourceImage, CrsTransformationHo
         const int64_t end = std::min<int64_t>(start + rowsPerThread, height);
         CrsTransformationHolder inverse(targetCrs, sourceCrs);
         workers.emplace_back([inverse = std::move(inverse), &targetMap, x = worldX.get(), y = worldY.get(),
-                              w = int64_t{width}, start, end]() mutable {
-            ComputeCoordinates(inverse, targetMap, x, y, w, start, end);
-        });
+                              w = int64_t{width}, start,
+                              end]() mutable { ComputeCoordinates(inverse, targetMap, x, y, w, start, end); });
     }
     // 12.
     JoinAll(workers);
@@ -248,13 +243,22 @@ Ptr<IImage> RasterUtils::ReprojectImage(IImage* sourceImage, CrsTransformationHo
     }
 
     // Row addresses, taken once: the sampling loop calls nothing per pixel.
-    SamplingJob job{AffineMap(*sourceTransform), {}, {}, worldX.get(), worldY.get(), width, height,
-                    double(srcWidth), double(srcHeight), static_cast<size_t>(bytesPerPixel)};
+    SamplingJob job{AffineMap(*sourceTransform),
+                    {},
+                    {},
+                    worldX.get(),
+                    worldY.get(),
+                    width,
+                    height,
+                    double(srcWidth),
+                    double(srcHeight),
+                    static_cast<size_t>(bytesPerPixel)};
     job.sourceRows.resize(static_cast<size_t>(srcHeight));
     for (int32_t y = 0; y < srcHeight; ++y)
         job.sourceRows[size_t(y)] = static_cast<const uint8_t*>(source->GetPixelPointer(0, y));
     job.targetRows.resize(static_cast<size_t>(height));
-    for (int32_t y = 0; y < height; ++y) job.targetRows[size_t(y)] = static_cast<uint8_t*>(target->GetPixelPointer(0, y));
+    for (int32_t y = 0; y < height; ++y)
+        job.targetRows[size_t(y)] = static_cast<uint8_t*>(target->GetPixelPointer(0, y));
 
     // 15. A float raster of one sample starts as no-data (NaN) where nothing lands.
     if (target->GetSampleKind() == TellarImaging::SampleKindFloat && samples == 1) {
@@ -272,9 +276,7 @@ Ptr<IImage> RasterUtils::ReprojectImage(IImage* sourceImage, CrsTransformationHo
     const int64_t chunk = pixels / threads;
     for (int64_t start = 0; start < pixels; start += chunk) {
         const int64_t end = std::min(start + chunk, pixels);
-        workers.emplace_back([&job, sourceHold = source, targetHold = target, start, end] {
-            Sample(job, start, end);
-        });
+        workers.emplace_back([&job, sourceHold = source, targetHold = target, start, end] { Sample(job, start, end); });
     }
     JoinAll(workers);
     target->SetEpsgCode(targetCrs->GetEpsgCode());
