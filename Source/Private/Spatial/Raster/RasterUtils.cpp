@@ -116,7 +116,7 @@ Ptr<IImage> RasterUtils::ReprojectImage(IImage* source, CrsTransformationHolder 
 
 Ptr<IImage> RasterUtils::ReprojectImage(IImage* sourceImage, CrsTransformationHolder holder,
                                         uint32_t hardwareConcurrency) {
-    // 1. The source and its georeference.
+    // The source and its georeference.
     Ptr<IImage> source(sourceImage);
     Ptr<ITiffImage> sourceTiff;
     Ptr<ITransform> sourceTransform;
@@ -128,7 +128,7 @@ Ptr<IImage> RasterUtils::ReprojectImage(IImage* sourceImage, CrsTransformationHo
     const int32_t srcWidth = source->GetWidth();
     const int32_t srcHeight = source->GetHeight();
 
-    // 2. Nothing to do: a copy.
+    // Nothing to do: a copy.
     const Ptr<ICrs> sourceCrs(holder.transformation->GetSourceCrs());
     const Ptr<ICrs> targetCrs(holder.transformation->GetTargetCrs());
     if (!sourceCrs.Raw() || !targetCrs.Raw() || sourceCrs->GetEpsgCode() == targetCrs->GetEpsgCode()) {
@@ -140,14 +140,13 @@ Ptr<IImage> RasterUtils::ReprojectImage(IImage* sourceImage, CrsTransformationHo
         return copy;
     }
 
-    // 3, 4.
     Log(509, Core::StringFormat("Reprojecting image (%dx%d) from [%s] to [%s]", srcWidth, srcHeight,
                                 CrsText(sourceCrs.Raw()), CrsText(targetCrs.Raw())));
     const int32_t samples = source->GetSamplesPerPixel();
     const int32_t bits = source->GetBitsPerSample();
     const int32_t bytesPerPixel = (bits * samples) / 8;
 
-    // 5. The box of the source corners in the target CRS.
+    // The box of the source corners in the target CRS.
     MapServices::BoundingBoxValue box;
     {
         const double corners[4][2] = {
@@ -163,7 +162,7 @@ Ptr<IImage> RasterUtils::ReprojectImage(IImage* sourceImage, CrsTransformationHo
         for (int k = 0; k < 4; ++k) box.Extend(points[4 * k], points[4 * k + 1]);
     }
 
-    // 6. The resolution at the first pixel, with its signs.
+    // The resolution at the first pixel, with its signs.
     double pts[2 * 4] = {};
     sourceTransform->PixelToWorld(0.0, 0.0, &pts[0], &pts[1], &pts[2]);
     sourceTransform->PixelToWorld(1.0, 1.0, &pts[4], &pts[5], &pts[6]);
@@ -177,7 +176,7 @@ Ptr<IImage> RasterUtils::ReprojectImage(IImage* sourceImage, CrsTransformationHo
     const double resY = pts[5] - pts[1];
     Log(528, Core::StringFormat("New Res: {%f %f}", resX, resY));
 
-    // 7, 8. Size of the target and the number of threads.
+    // Size of the target and the number of threads.
     const int32_t width = std::abs(static_cast<int32_t>(std::trunc((box.maxX - box.minX) / resX))) + 1;
     const int32_t height = std::abs(static_cast<int32_t>(std::trunc((box.maxY - box.minY) / resY))) + 1;
     const auto pixels =
@@ -187,7 +186,7 @@ Ptr<IImage> RasterUtils::ReprojectImage(IImage* sourceImage, CrsTransformationHo
     // At least one row per thread, so that a wide picture of few rows still moves on.
     const int64_t rowsPerThread = std::max<int64_t>(1, height / threads);
 
-    // 9. The georeference of the target.
+    // The georeference of the target.
     Ptr<ITransform> targetTransform;
     {
         Ptr<Core::IErrorCode> error;
@@ -197,7 +196,7 @@ Ptr<IImage> RasterUtils::ReprojectImage(IImage* sourceImage, CrsTransformationHo
     }
     Log(538, Core::StringFormat("Resampled image res: {%dx%d}", width, height));
 
-    // 10, 11. Source coordinates of every target pixel centre. Each stretch of rows gets a
+    // Source coordinates of every target pixel centre. Each stretch of rows gets a
     // transformation of its own, made here, since one is never shared between threads.
     const auto worldX = std::make_unique_for_overwrite<double[]>(static_cast<size_t>(pixels));
     const auto worldY = std::make_unique_for_overwrite<double[]>(static_cast<size_t>(pixels));
@@ -210,11 +209,11 @@ Ptr<IImage> RasterUtils::ReprojectImage(IImage* sourceImage, CrsTransformationHo
                               w = int64_t{width}, start,
                               end]() mutable { ComputeCoordinates(inverse, targetMap, x, y, w, start, end); });
     }
-    // 12.
+    // All rows are in source coordinates now.
     JoinAll(workers);
     Log(549, Core::StringFormat("New BBox: [%f %f] [%f %f]", box.minX, box.minY, box.maxX, box.maxY));
 
-    // 13. The target image, of the source's layout.
+    // The target image, of the source's layout.
     const int32_t kind = sourceTiff.Raw() ? sourceTiff->GetSampleKind() : TellarImaging::SampleKindUnsigned;
     Ptr<IImage> created;
     {
@@ -225,7 +224,7 @@ Ptr<IImage> RasterUtils::ReprojectImage(IImage* sourceImage, CrsTransformationHo
     }
     const Ptr<ITiffImage> target(dynamic_cast<ITiffImage*>(created.Raw()));
 
-    // 14. The metadata.
+    // The metadata.
     target->SetTransform(targetTransform.Raw());
     target->SetSampleKind(kind);
     target->SetIntProperty(sourceTiff.Raw() ? sourceTiff->GetIntProperty() : -1);
@@ -260,7 +259,7 @@ Ptr<IImage> RasterUtils::ReprojectImage(IImage* sourceImage, CrsTransformationHo
     for (int32_t y = 0; y < height; ++y)
         job.targetRows[size_t(y)] = static_cast<uint8_t*>(target->GetPixelPointer(0, y));
 
-    // 15. A float raster of one sample starts as no-data (NaN) where nothing lands.
+    // A float raster of one sample starts as no-data (NaN) where nothing lands.
     if (target->GetSampleKind() == TellarImaging::SampleKindFloat && samples == 1) {
         const auto stride = static_cast<size_t>(target->GetSamplesPerPixel() * (target->GetBitsPerSample() / 8));
         const uint32_t nan = 0x7FC00000u;
@@ -272,7 +271,7 @@ Ptr<IImage> RasterUtils::ReprojectImage(IImage* sourceImage, CrsTransformationHo
         }
     }
 
-    // 16, 17. Nearest neighbour, one stretch of target pixels per thread.
+    // Nearest neighbour, one stretch of target pixels per thread.
     const int64_t chunk = pixels / threads;
     for (int64_t start = 0; start < pixels; start += chunk) {
         const int64_t end = std::min(start + chunk, pixels);
