@@ -61,7 +61,7 @@ void Impl_ThreadworkCallback(AsyncData<T>& task) noexcept {
             RecordFailure(task, text.c_str());
         }
     } catch (...) {
-        // Only a status callback that throws while the failure is recorded gets here.
+        // Recording the failure threw (a status callback or the logger): the run still ends.
     }
 
     if (T* thread = task.m_Thread.Raw()) thread->m_PendingTasks.fetch_sub(1);
