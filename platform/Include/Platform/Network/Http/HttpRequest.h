@@ -1,0 +1,53 @@
+#pragma once
+#include <functional>
+#include <string_view>
+
+#include "Core/ObjectImplBase.h"
+#include "Core/Ptr.h"
+#include "Platform/Interfaces/IHttpRequest.h"
+
+namespace Platform::Network::Http {
+
+// A response, or nothing when the exchange failed.
+class HttpResponse {
+public:
+    HttpResponse() = default;
+    explicit HttpResponse(Interfaces::IHttpResponse* response) : response_(response) {}
+
+    bool IsValid() const { return response_.Raw() != nullptr; }
+    explicit operator bool() const { return IsValid(); }
+    Interfaces::IHttpResponse* Get() const { return response_.Raw(); }
+    int32_t GetStatusCode() const { return response_->GetStatusCode(); }
+    std::string_view GetBody() const {
+        return {static_cast<const char*>(response_->GetBodyData()), response_->GetBodySize()};
+    }
+
+private:
+    Core::Ptr<Interfaces::IHttpResponse> response_;
+};
+
+// Owning handle to a request.
+class HttpRequest : public Core::Ptr<Interfaces::IHttpRequest> {
+public:
+    using Ptr::Ptr;
+    HttpRequest() = default;
+    HttpRequest(Core::Ptr<Interfaces::IHttpRequest> other) noexcept : Ptr(std::move(other)) {}
+
+    using ResponseFunction = std::function<void(const HttpResponse&)>;
+
+    // Carries the function of SendHttpRequestAsync as the request's user object.
+    class HttpRequestData final : public Core::LightObjectImplBase<Core::IObject> {
+    public:
+        explicit HttpRequestData(ResponseFunction function) : function_(std::move(function)) {}
+        const ResponseFunction& Function() const { return function_; }
+
+    private:
+        ResponseFunction function_;
+    };
+
+    // Sends the request; `function` gets the response, or an empty one when the request closed
+    // first. It runs on a transport thread. False when the send was refused.
+    bool SendHttpRequestAsync(ResponseFunction function) const;
+};
+
+} // namespace Platform::Network::Http

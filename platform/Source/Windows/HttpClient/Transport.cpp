@@ -1,0 +1,1173 @@
+#include "Transport.h"
+
+#include <curl/curl.h>
+#include <pthread.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cctype>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace Platform::Windows::Network::Http::Transport {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+thread_local uint32_t t_lastError = 0;
+std::atomic<size_t> g_liveHandles{0};
+
+// Body bytes buffered per request before the transfer is paused until somebody reads.
+constexpr size_t kBufferHigh = 1024 * 1024;
+constexpr size_t kBufferLow = kBufferHigh / 2;
+constexpr int kMaxRedirects = 10;
+constexpr long kMaxHostConnections = 128;
+
+bool Fail(uint32_t error) {
+    t_lastError = error;
+    return false;
+}
+
+bool EqualsNoCase(std::string_view a, std::string_view b) {
+    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+               return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
+           });
+}
+
+std::string_view Trim(std::string_view text) {
+    const size_t first = text.find_first_not_of(" \t\r\n");
+    if (first == std::string_view::npos) return {};
+    return text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
+}
+
+enum class Kind { Session, Connection, Request };
+
+struct HandleBase : std::enable_shared_from_this<HandleBase> {
+    explicit HandleBase(Kind k) : kind(k) { g_liveHandles.fetch_add(1); }
+    virtual ~HandleBase() { g_liveHandles.fetch_sub(1); }
+    HandleBase(const HandleBase&) = delete;
+    HandleBase& operator=(const HandleBase&) = delete;
+
+    const Kind kind;
+    uint64_t id = 0;
+};
+
+struct Timeouts {
+    int32_t resolve = 0;
+    int32_t connect = 60000;
+    int32_t send = 30000;
+    int32_t receive = 30000;
+};
+
+struct SessionState final : HandleBase {
+    SessionState() : HandleBase(Kind::Session) {}
+    std::string userAgent;
+    uint32_t accessType = AccessTypeDefaultProxy;
+    std::string proxy;
+    std::string proxyBypass;
+    std::mutex mutex; // guards what follows
+    StatusCallback callback = nullptr;
+    Timeouts timeouts;
+    bool tls12Only = false;
+    bool http2 = false;
+    uint32_t decompression = 0;
+    bool encodeExtra = false;
+};
+
+struct ConnectionState final : HandleBase {
+    ConnectionState() : HandleBase(Kind::Connection) {}
+    std::shared_ptr<SessionState> session;
+    std::string server;
+    uint16_t port = 0;
+};
+
+struct UploadBlock {
+    std::vector<char> payload;
+    size_t offset = 0;
+    uint32_t reported = 0; // the length the writer handed over
+};
+
+// Takes the chunk framing off bytes that a writer framed itself, since curl frames again.
+struct Dechunker {
+    enum State { SizeLine, Data, DataEnd, Finished } state = SizeLine;
+    uint64_t remaining = 0;
+    std::string line;
+
+    // Appends the payload of `data` to `out`; true once the last chunk was seen.
+    bool Feed(const char* data, size_t size, std::vector<char>& out) {
+        size_t i = 0;
+        while (i < size && state != Finished) {
+            switch (state) {
+            case SizeLine: {
+                const char c = data[i++];
+                if (c == '\n') {
+                    remaining = std::strtoull(line.c_str(), nullptr, 16);
+                    line.clear();
+                    state = remaining == 0 ? Finished : Data;
+                } else if (c != '\r') {
+                    line += c;
+                }
+                break;
+            }
+            case Data: {
+                const size_t take = static_cast<size_t>(std::min<uint64_t>(remaining, size - i));
+                out.insert(out.end(), data + i, data + i + take);
+                i += take;
+                remaining -= take;
+                if (remaining == 0) state = DataEnd;
+                break;
+            }
+            case DataEnd:
+                if (data[i++] == '\n') state = SizeLine;
+                break;
+            case Finished: break;
+            }
+        }
+        return state == Finished;
+    }
+};
+
+struct RequestState final : HandleBase {
+    RequestState() : HandleBase(Kind::Request) {}
+    ~RequestState() override {
+        if (slist) curl_slist_free_all(slist);
+    }
+
+    // Fixed at open.
+    std::shared_ptr<ConnectionState> connection;
+    std::shared_ptr<SessionState> session;
+    std::string verb;
+    std::string path;
+    std::vector<std::string> accept;
+    uint32_t flags = 0;
+    StatusCallback callback = nullptr;
+
+    // Filled by the caller before the send.
+    std::mutex setupMutex;
+    std::vector<std::string> headerLines;
+    Timeouts timeouts;
+
+    std::atomic<bool> sendIssued{false};
+    std::atomic<bool> closeIssued{false};
+    void* context = nullptr;
+
+    // Response headers, readable from any thread.
+    std::mutex headersMutex;
+    std::string finalHeaders;
+    std::atomic<bool> headersReady{false};
+
+    // Transport thread only from here on.
+    CURL* easy = nullptr;
+    curl_slist* slist = nullptr;
+    std::string url;
+    bool started = false;
+    bool transferDone = false;
+    uint32_t transferError = 0;
+    bool errorDelivered = false;
+    bool closeProcessed = false;
+    bool sendCompleteDelivered = false;
+    bool receiveRequested = false;
+    bool headersDelivered = false;
+    bool timerArmed = false;
+    Clock::time_point lastActivity{};
+
+    // The header block being received.
+    std::string block;
+    long blockStatus = 0;
+    std::string location;
+    bool decoding = false;
+    bool redirecting = false;
+    bool redirectTooMany = false;
+    std::string redirectTarget;
+    int redirects = 0;
+
+    // Body bytes waiting for a read, and the read waiting for bytes.
+    std::vector<char> body;
+    size_t bodyOffset = 0;
+    bool recvPaused = false;
+    void* readBuffer = nullptr;
+    uint32_t readSize = 0;
+    bool readPending = false;
+
+    // Request body.
+    std::vector<char> postData;
+    bool streamedUpload = false;
+    bool chunkedUpload = false;
+    int64_t uploadSize = -1;
+    std::deque<UploadBlock> uploads;
+    bool uploadEnd = false;
+    bool uploadPaused = false;
+    Dechunker dechunker;
+
+    size_t Buffered() const { return body.size() - bodyOffset; }
+    bool UploadPhase() const { return streamedUpload && !(uploadEnd && uploads.empty()); }
+};
+
+struct Event {
+    std::shared_ptr<HandleBase> handle;
+    StatusCallback callback;
+    void* context;
+    uint32_t status;
+    void* buffer = nullptr;
+    uint32_t bytes = 0;
+    AsyncResult result{};
+};
+
+uint32_t MapCurlError(CURLcode code) {
+    switch (code) {
+    case CURLE_OK: return 0;
+    case CURLE_OPERATION_TIMEDOUT: return ErrorTimeout;
+    case CURLE_COULDNT_RESOLVE_HOST:
+    case CURLE_COULDNT_RESOLVE_PROXY: return ErrorNameNotResolved;
+    case CURLE_COULDNT_CONNECT: return ErrorCannotConnect;
+    // Our own addresses are always http or https: curl says this of an HTTP/0.9 answer.
+    case CURLE_UNSUPPORTED_PROTOCOL: return ErrorInvalidServerResponse;
+    case CURLE_URL_MALFORMAT: return ErrorInvalidUrl;
+    case CURLE_TOO_MANY_REDIRECTS: return ErrorRedirectFailed;
+    case CURLE_ABORTED_BY_CALLBACK: return ErrorOperationCancelled;
+    case CURLE_OUT_OF_MEMORY: return ErrorNotEnoughMemory;
+    case CURLE_SSL_CONNECT_ERROR:
+    case CURLE_PEER_FAILED_VERIFICATION:
+    case CURLE_SSL_CERTPROBLEM:
+    case CURLE_SSL_CIPHER:
+    case CURLE_SSL_CACERT_BADFILE:
+    case CURLE_SSL_ISSUER_ERROR:
+    case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
+    case CURLE_SSL_INVALIDCERTSTATUS:
+    case CURLE_SSL_CRL_BADFILE:
+    case CURLE_SSL_SHUTDOWN_FAILED:
+    case CURLE_USE_SSL_FAILED:
+    case CURLE_SSL_ENGINE_NOTFOUND:
+    case CURLE_SSL_ENGINE_SETFAILED:
+    case CURLE_SSL_ENGINE_INITFAILED: return ErrorSecureFailure;
+    case CURLE_WEIRD_SERVER_REPLY:
+    case CURLE_BAD_CONTENT_ENCODING:
+    case CURLE_HTTP2:
+    case CURLE_HTTP2_STREAM: return ErrorInvalidServerResponse;
+    default: return ErrorConnectionError;
+    }
+}
+
+// Percent-encodes what may not stand in a request target as it is.
+std::string EncodeExtra(std::string_view path) {
+    static constexpr char hex[] = "0123456789ABCDEF";
+    std::string out;
+    out.reserve(path.size());
+    for (char ch : path) {
+        const auto c = static_cast<unsigned char>(ch);
+        if (c <= 0x20 || c >= 0x7F || std::strchr("\"<>\\^`{|}", c)) {
+            out += '%';
+            out += hex[c >> 4];
+            out += hex[c & 15];
+        } else {
+            out += ch;
+        }
+    }
+    return out;
+}
+
+class Engine {
+public:
+    static Engine& Get() {
+        static Engine engine;
+        return engine;
+    }
+
+    Handle Register(const std::shared_ptr<HandleBase>& handle) {
+        std::lock_guard lock(tableMutex_);
+        handle->id = nextId_++;
+        table_.emplace(handle->id, handle);
+        return reinterpret_cast<Handle>(static_cast<uintptr_t>(handle->id));
+    }
+
+    std::shared_ptr<HandleBase> Lookup(Handle handle) {
+        if (!IsValidHandle(handle)) return nullptr;
+        std::lock_guard lock(tableMutex_);
+        auto it = table_.find(static_cast<uint64_t>(reinterpret_cast<uintptr_t>(handle)));
+        return it == table_.end() ? nullptr : it->second;
+    }
+
+    std::shared_ptr<HandleBase> Unregister(Handle handle) {
+        if (!IsValidHandle(handle)) return nullptr;
+        std::lock_guard lock(tableMutex_);
+        auto it = table_.find(static_cast<uint64_t>(reinterpret_cast<uintptr_t>(handle)));
+        if (it == table_.end()) return nullptr;
+        auto found = std::move(it->second);
+        table_.erase(it);
+        return found;
+    }
+
+    // Runs `work` on the transport thread: at once when called there, otherwise queued.
+    void Run(std::function<void()> work) {
+        if (std::this_thread::get_id() == threadId_) {
+            work();
+            return;
+        }
+        {
+            std::lock_guard lock(queueMutex_);
+            queue_.push_back(std::move(work));
+        }
+        curl_multi_wakeup(multi_);
+    }
+
+    void Start(RequestState& request);
+    void Receive(RequestState& request);
+    void Read(RequestState& request, void* buffer, uint32_t size);
+    void Write(RequestState& request, std::vector<char> data, uint32_t length);
+    void Close(HandleBase& handle, StatusCallback callback);
+
+private:
+    Engine() {
+        self_ = this;
+        curl_global_init(CURL_GLOBAL_DEFAULT);
+        multi_ = curl_multi_init();
+        curl_multi_setopt(multi_, CURLMOPT_PIPELINING, CURLPIPE_MULTIPLEX);
+        curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS, kMaxHostConnections);
+        thread_ = std::thread([this] { Loop(); });
+        std::lock_guard lock(queueMutex_);
+        threadId_ = thread_.get_id();
+    }
+
+    ~Engine() {
+        {
+            std::lock_guard lock(queueMutex_);
+            stop_ = true;
+        }
+        curl_multi_wakeup(multi_);
+        thread_.join();
+        for (auto& [easy, request] : active_) {
+            curl_multi_remove_handle(multi_, easy);
+            curl_easy_cleanup(easy);
+            request->easy = nullptr;
+        }
+        active_.clear();
+        events_.clear();
+        curl_multi_cleanup(multi_);
+        curl_global_cleanup();
+    }
+
+    void Loop();
+    void Deliver();
+    void ProcessDone();
+    void CheckTimeouts();
+    void Finish(RequestState& request, uint32_t error);
+    void Detach(RequestState& request);
+    void DeliverError(RequestState& request, uint32_t api);
+    void Restart(RequestState& request);
+    void Push(RequestState& request, uint32_t status, void* buffer = nullptr, uint32_t bytes = 0,
+              AsyncResult result = {}) {
+        events_.push_back(Event{request.shared_from_this(), request.callback, request.context, status, buffer, bytes,
+                                result});
+    }
+    void Pause(RequestState& request) {
+        int mask = (request.recvPaused ? CURLPAUSE_RECV : 0) | (request.uploadPaused ? CURLPAUSE_SEND : 0);
+        curl_easy_pause(request.easy, mask);
+        needsPerform_ = true;
+    }
+    static uint32_t Api(const RequestState& request) {
+        if (!request.sendCompleteDelivered) return ApiSendRequest;
+        if (request.UploadPhase()) return ApiWriteData;
+        if (!request.headersDelivered) return ApiReceiveResponse;
+        return ApiReadData;
+    }
+
+    static size_t HeaderCallback(char* data, size_t size, size_t count, void* user);
+    static size_t WriteCallback(char* data, size_t size, size_t count, void* user);
+    static size_t ReadCallback(char* data, size_t size, size_t count, void* user);
+    static int PrereqCallback(void* user, char*, char*, int, int);
+    void EndOfHeaderBlock(RequestState& request);
+    static Engine* self_;
+
+    std::mutex tableMutex_;
+    std::unordered_map<uint64_t, std::shared_ptr<HandleBase>> table_;
+    uint64_t nextId_ = 1;
+
+    CURLM* multi_ = nullptr;
+    std::thread thread_;
+    std::thread::id threadId_;
+    std::mutex queueMutex_;
+    std::vector<std::function<void()>> queue_;
+    bool stop_ = false;
+
+    std::deque<Event> events_;
+    std::unordered_map<CURL*, std::shared_ptr<RequestState>> active_;
+    bool needsPerform_ = false;
+    Clock::time_point lastTimeoutCheck_{};
+};
+
+void Engine::Loop() {
+    pthread_setname_np(pthread_self(), "Http Transport");
+    {
+        // Wait until the constructor has published the thread id.
+        std::lock_guard lock(queueMutex_);
+    }
+    std::vector<std::function<void()>> work;
+    for (;;) {
+        {
+            std::lock_guard lock(queueMutex_);
+            if (stop_) return;
+            work.swap(queue_);
+        }
+        for (auto& item : work) item();
+        work.clear();
+        Deliver();
+
+        int running = 0;
+        curl_multi_perform(multi_, &running);
+        ProcessDone();
+        Deliver();
+        CheckTimeouts();
+        Deliver();
+
+        int timeout = active_.empty() ? 10000 : 100;
+        if (needsPerform_) timeout = 0;
+        needsPerform_ = false;
+        curl_multi_poll(multi_, nullptr, 0, timeout, nullptr);
+    }
+}
+
+void Engine::Deliver() {
+    while (!events_.empty()) {
+        Event event = std::move(events_.front());
+        events_.pop_front();
+        if (!event.callback) continue;
+        Handle value = reinterpret_cast<Handle>(static_cast<uintptr_t>(event.handle->id));
+        void* info = nullptr;
+        uint32_t length = 0;
+        switch (event.status) {
+        case StatusReadComplete:
+            info = event.buffer;
+            length = event.bytes;
+            break;
+        case StatusWriteComplete:
+            info = &event.bytes;
+            length = sizeof(event.bytes);
+            break;
+        case StatusRequestError:
+            info = &event.result;
+            length = sizeof(event.result);
+            break;
+        case StatusHandleClosing:
+            info = &value;
+            length = sizeof(value);
+            break;
+        default: break;
+        }
+        event.callback(value, event.context, event.status, info, length);
+    }
+}
+
+void Engine::Detach(RequestState& request) {
+    if (!request.easy) return;
+    curl_multi_remove_handle(multi_, request.easy);
+    auto keep = active_.find(request.easy);
+    std::shared_ptr<RequestState> hold;
+    if (keep != active_.end()) {
+        hold = std::move(keep->second);
+        active_.erase(keep);
+    }
+    curl_easy_cleanup(request.easy);
+    request.easy = nullptr;
+    request.readPending = false;
+}
+
+void Engine::DeliverError(RequestState& request, uint32_t api) {
+    if (request.errorDelivered) return;
+    request.errorDelivered = true;
+    request.readPending = false;
+    Push(request, StatusRequestError, nullptr, 0, AsyncResult{api, request.transferError});
+}
+
+void Engine::Finish(RequestState& request, uint32_t error) {
+    const uint32_t api = Api(request);
+    Detach(request);
+    request.transferDone = true;
+    request.transferError = error;
+    if (error == 0) {
+        if (request.readPending && request.Buffered() == 0) {
+            request.readPending = false;
+            Push(request, StatusReadComplete, request.readBuffer, 0);
+        }
+        return;
+    }
+    // Bytes that arrived before the failure are read first; the failure then ends the reads.
+    if (!request.headersDelivered || request.Buffered() == 0) DeliverError(request, api);
+}
+
+void Engine::ProcessDone() {
+    int left = 0;
+    while (CURLMsg* message = curl_multi_info_read(multi_, &left)) {
+        if (message->msg != CURLMSG_DONE) continue;
+        auto it = active_.find(message->easy_handle);
+        if (it == active_.end()) continue;
+        std::shared_ptr<RequestState> request = it->second;
+        const CURLcode code = message->data.result;
+        if (request->redirecting && code == CURLE_OK) {
+            if (request->redirectTooMany)
+                Finish(*request, ErrorRedirectFailed);
+            else
+                Restart(*request);
+            continue;
+        }
+        uint32_t error = MapCurlError(code);
+        if (error == 0 && !request->headersReady.load()) error = ErrorInvalidServerResponse;
+        Finish(*request, error);
+    }
+}
+
+void Engine::Restart(RequestState& request) {
+    curl_multi_remove_handle(multi_, request.easy);
+    ++request.redirects;
+    request.url = request.redirectTarget;
+    curl_easy_setopt(request.easy, CURLOPT_URL, request.url.c_str());
+    const bool toGet = request.verb != "HEAD" &&
+                       (request.blockStatus == 303 ||
+                        ((request.blockStatus == 301 || request.blockStatus == 302) && request.verb == "POST"));
+    if (toGet) {
+        curl_easy_setopt(request.easy, CURLOPT_CUSTOMREQUEST, nullptr);
+        curl_easy_setopt(request.easy, CURLOPT_HTTPGET, 1L);
+    }
+    request.redirecting = false;
+    request.block.clear();
+    request.location.clear();
+    request.blockStatus = 0;
+    curl_multi_add_handle(multi_, request.easy);
+    needsPerform_ = true;
+}
+
+void Engine::CheckTimeouts() {
+    const Clock::time_point now = Clock::now();
+    if (now - lastTimeoutCheck_ < std::chrono::milliseconds(50)) return;
+    lastTimeoutCheck_ = now;
+    std::vector<std::shared_ptr<RequestState>> expired;
+    for (auto& [easy, request] : active_) {
+        if (!request->timerArmed || request->recvPaused || request->uploadPaused) continue;
+        const int32_t limit = request->UploadPhase() ? request->timeouts.send : request->timeouts.receive;
+        if (limit <= 0) continue;
+        if (now - request->lastActivity > std::chrono::milliseconds(limit)) expired.push_back(request);
+    }
+    for (auto& request : expired) Finish(*request, ErrorTimeout);
+}
+
+size_t Engine::HeaderCallback(char* data, size_t size, size_t count, void* user) {
+    auto& request = *static_cast<RequestState*>(user);
+    const size_t length = size * count;
+    request.lastActivity = Clock::now();
+    if (request.headersReady.load(std::memory_order_relaxed)) return length; // trailers
+    std::string_view line(data, length);
+    if (line.rfind("HTTP/", 0) == 0) {
+        request.block.clear();
+        request.location.clear();
+        request.redirecting = false;
+        const size_t blank = line.find(' ');
+        request.blockStatus = blank == std::string_view::npos ? 0 : std::strtol(line.data() + blank + 1, nullptr, 10);
+    }
+    const std::string_view content = Trim(line);
+    if (content.empty()) {
+        self_->EndOfHeaderBlock(request);
+        return length;
+    }
+    request.block.append(content);
+    request.block += "\r\n";
+    const size_t colon = content.find(':');
+    if (colon != std::string_view::npos && EqualsNoCase(content.substr(0, colon), "location"))
+        request.location = Trim(content.substr(colon + 1));
+    return length;
+}
+
+void Engine::EndOfHeaderBlock(RequestState& request) {
+    const long status = request.blockStatus;
+    if (status >= 100 && status < 200) {
+        request.block.clear();
+        return;
+    }
+    const bool redirect = (status == 301 || status == 302 || status == 303 || status == 307 || status == 308) &&
+                          !request.location.empty();
+    if (redirect && !(request.streamedUpload && (status == 307 || status == 308))) {
+        std::string target;
+        std::string scheme;
+        CURLU* url = curl_url();
+        if (curl_url_set(url, CURLUPART_URL, request.url.c_str(), 0) == CURLUE_OK &&
+            curl_url_set(url, CURLUPART_URL, request.location.c_str(), 0) == CURLUE_OK) {
+            char* text = nullptr;
+            if (curl_url_get(url, CURLUPART_URL, &text, 0) == CURLUE_OK) target = text;
+            curl_free(text);
+            text = nullptr;
+            if (curl_url_get(url, CURLUPART_SCHEME, &text, 0) == CURLUE_OK) scheme = text;
+            curl_free(text);
+        }
+        curl_url_cleanup(url);
+        const bool fromHttps = request.url.rfind("https:", 0) == 0;
+        const bool allowed = scheme == "https" || (scheme == "http" && !fromHttps);
+        if (!target.empty() && allowed) {
+            request.redirecting = true;
+            request.redirectTooMany = request.redirects >= kMaxRedirects;
+            request.redirectTarget = std::move(target);
+            request.block.clear();
+            return;
+        }
+    }
+
+    // The final block. A body that the transport decodes has neither its encoded length nor its
+    // encoding any more, so neither line is passed on.
+    bool encoded = false;
+    std::string_view blockView(request.block);
+    if (request.decoding) {
+        for (std::string_view rest = blockView; !rest.empty();) {
+            const size_t end = rest.find("\r\n");
+            const std::string_view line = rest.substr(0, end);
+            rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 2);
+            const size_t colon = line.find(':');
+            if (colon != std::string_view::npos && EqualsNoCase(line.substr(0, colon), "content-encoding") &&
+                !EqualsNoCase(Trim(line.substr(colon + 1)), "identity"))
+                encoded = true;
+        }
+    }
+    std::string text;
+    text.reserve(request.block.size() + 2);
+    for (std::string_view rest = blockView; !rest.empty();) {
+        const size_t end = rest.find("\r\n");
+        const std::string_view line = rest.substr(0, end);
+        rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 2);
+        if (encoded) {
+            const size_t colon = line.find(':');
+            const std::string_view name = colon == std::string_view::npos ? line : line.substr(0, colon);
+            if (EqualsNoCase(name, "content-length") || EqualsNoCase(name, "content-encoding")) continue;
+        }
+        text.append(line);
+        text += "\r\n";
+    }
+    text += "\r\n";
+    {
+        std::lock_guard lock(request.headersMutex);
+        request.finalHeaders = std::move(text);
+    }
+    request.block.clear();
+    request.headersReady.store(true);
+    if (request.receiveRequested && !request.headersDelivered) {
+        request.headersDelivered = true;
+        self_->Push(request, StatusHeadersAvailable);
+    }
+}
+
+size_t Engine::WriteCallback(char* data, size_t size, size_t count, void* user) {
+    auto& request = *static_cast<RequestState*>(user);
+    size_t length = size * count;
+    const size_t total = length;
+    request.lastActivity = Clock::now();
+    if (request.redirecting || !request.headersReady.load(std::memory_order_relaxed)) return total;
+    if (!request.readPending && request.Buffered() >= kBufferHigh) {
+        request.recvPaused = true;
+        return CURL_WRITEFUNC_PAUSE;
+    }
+    if (request.readPending && request.Buffered() == 0) {
+        const size_t take = std::min<size_t>(length, request.readSize);
+        std::memcpy(request.readBuffer, data, take);
+        request.readPending = false;
+        self_->Push(request, StatusReadComplete, request.readBuffer, static_cast<uint32_t>(take));
+        data += take;
+        length -= take;
+    }
+    if (length > 0) {
+        if (request.bodyOffset > 0 && request.bodyOffset >= request.body.size() / 2) {
+            request.body.erase(request.body.begin(), request.body.begin() + static_cast<ptrdiff_t>(request.bodyOffset));
+            request.bodyOffset = 0;
+        }
+        request.body.insert(request.body.end(), data, data + length);
+    }
+    return total;
+}
+
+size_t Engine::ReadCallback(char* data, size_t size, size_t count, void* user) {
+    auto& request = *static_cast<RequestState*>(user);
+    const size_t capacity = size * count;
+    size_t copied = 0;
+    while (!request.uploads.empty()) {
+        UploadBlock& block = request.uploads.front();
+        const size_t take = std::min(capacity - copied, block.payload.size() - block.offset);
+        std::memcpy(data + copied, block.payload.data() + block.offset, take);
+        copied += take;
+        block.offset += take;
+        if (block.offset < block.payload.size()) break;
+        self_->Push(request, StatusWriteComplete, nullptr, block.reported);
+        request.uploads.pop_front();
+        if (copied == capacity) break;
+    }
+    if (copied > 0) {
+        request.lastActivity = Clock::now();
+        return copied;
+    }
+    if (request.uploadEnd) return 0;
+    request.uploadPaused = true;
+    return CURL_READFUNC_PAUSE;
+}
+
+int Engine::PrereqCallback(void* user, char*, char*, int, int) {
+    auto& request = *static_cast<RequestState*>(user);
+    request.timerArmed = true;
+    request.lastActivity = Clock::now();
+    if (!request.sendCompleteDelivered) {
+        request.sendCompleteDelivered = true;
+        self_->Push(request, StatusSendRequestComplete);
+    }
+    return CURL_PREREQFUNC_OK;
+}
+
+Engine* Engine::self_ = nullptr;
+
+void Engine::Start(RequestState& request) {
+    if (request.closeIssued.load()) return;
+    SessionState& session = *request.session;
+    bool tls12Only, http2, encodeExtra;
+    uint32_t decompression;
+    {
+        std::lock_guard lock(session.mutex);
+        tls12Only = session.tls12Only;
+        http2 = session.http2;
+        decompression = session.decompression;
+        encodeExtra = session.encodeExtra;
+    }
+    Timeouts timeouts;
+    std::vector<std::string> lines;
+    {
+        std::lock_guard lock(request.setupMutex);
+        timeouts = request.timeouts;
+        lines = request.headerLines;
+    }
+    request.timeouts = timeouts;
+
+    const ConnectionState& connection = *request.connection;
+    const bool secure = (request.flags & FlagSecure) != 0;
+    std::string host = connection.server;
+    if (host.find(':') != std::string::npos && host.front() != '[') host = "[" + host + "]";
+    std::string path = request.path.empty() || request.path.front() != '/' ? "/" + request.path : request.path;
+    if (encodeExtra) path = EncodeExtra(path);
+    request.url = std::string(secure ? "https://" : "http://") + host + ":" + std::to_string(connection.port) + path;
+
+    CURL* easy = curl_easy_init();
+    if (!easy) {
+        request.transferDone = true;
+        request.transferError = ErrorNotEnoughMemory;
+        DeliverError(request, ApiSendRequest);
+        return;
+    }
+    request.easy = easy;
+    static const bool verbose = std::getenv("TELLAR_CURL_VERBOSE") != nullptr; // traces for debugging
+    if (verbose) curl_easy_setopt(easy, CURLOPT_VERBOSE, 1L);
+    curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str());
+    curl_easy_setopt(easy, CURLOPT_PRIVATE, &request);
+    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &Engine::HeaderCallback);
+    curl_easy_setopt(easy, CURLOPT_HEADERDATA, &request);
+    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &Engine::WriteCallback);
+    curl_easy_setopt(easy, CURLOPT_WRITEDATA, &request);
+    curl_easy_setopt(easy, CURLOPT_PREREQFUNCTION, &Engine::PrereqCallback);
+    curl_easy_setopt(easy, CURLOPT_PREREQDATA, &request);
+    curl_easy_setopt(easy, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+    curl_easy_setopt(easy, CURLOPT_USERAGENT, session.userAgent.c_str());
+    if (session.accessType == AccessTypeNoProxy) {
+        curl_easy_setopt(easy, CURLOPT_PROXY, "");
+    } else if (session.accessType == AccessTypeNamedProxy && !session.proxy.empty()) {
+        curl_easy_setopt(easy, CURLOPT_PROXY, session.proxy.c_str());
+        if (!session.proxyBypass.empty()) curl_easy_setopt(easy, CURLOPT_NOPROXY, session.proxyBypass.c_str());
+    }
+    if (tls12Only) curl_easy_setopt(easy, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2) | static_cast<long>(CURL_SSLVERSION_MAX_TLSv1_2));
+    curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, http2 ? CURL_HTTP_VERSION_2TLS : CURL_HTTP_VERSION_1_1);
+    if (decompression) {
+        const char* encodings = (decompression & DecompressionGzip) && (decompression & DecompressionDeflate)
+                                    ? "gzip, deflate"
+                                    : (decompression & DecompressionGzip) ? "gzip" : "deflate";
+        curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, encodings);
+        request.decoding = true;
+    }
+    const int64_t connectLimit =
+        timeouts.connect > 0 ? int64_t{timeouts.connect} + std::max<int32_t>(timeouts.resolve, 0) : 0;
+    if (connectLimit > 0) curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(connectLimit));
+
+    bool hasContentType = false;
+    curl_slist* list = nullptr;
+    for (const std::string& line : lines) {
+        const size_t colon = line.find(':');
+        const std::string_view name = Trim(std::string_view(line).substr(0, colon));
+        const std::string_view value =
+            colon == std::string::npos ? std::string_view() : Trim(std::string_view(line).substr(colon + 1));
+        if (EqualsNoCase(name, "content-length")) {
+            // The length is curl's to send; a length that is no number counts as none.
+            const long long parsed = std::strtoll(std::string(value).c_str(), nullptr, 10);
+            request.uploadSize = parsed > 0 ? parsed : 0;
+            request.streamedUpload = request.streamedUpload || request.postData.empty();
+            continue;
+        }
+        if (EqualsNoCase(name, "transfer-encoding") && EqualsNoCase(value, "chunked")) {
+            request.chunkedUpload = true;
+            request.streamedUpload = true;
+        }
+        if (EqualsNoCase(name, "content-type")) hasContentType = true;
+        list = curl_slist_append(list, line.c_str());
+    }
+    if (request.accept.empty()) {
+        list = curl_slist_append(list, "Accept:");
+    } else {
+        std::string accept = "Accept: ";
+        for (size_t i = 0; i < request.accept.size(); ++i) accept += (i ? ", " : "") + request.accept[i];
+        list = curl_slist_append(list, accept.c_str());
+    }
+    list = curl_slist_append(list, "Expect:");
+
+    if (request.verb == "GET") {
+        curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
+    } else if (request.verb == "HEAD") {
+        curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
+    } else {
+        curl_easy_setopt(easy, CURLOPT_POST, 1L);
+        if (request.verb != "POST") curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, request.verb.c_str());
+        if (!hasContentType) list = curl_slist_append(list, "Content-Type:");
+        if (request.streamedUpload) {
+            curl_easy_setopt(easy, CURLOPT_READFUNCTION, &Engine::ReadCallback);
+            curl_easy_setopt(easy, CURLOPT_READDATA, &request);
+            curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE,
+                             static_cast<curl_off_t>(request.chunkedUpload ? -1 : request.uploadSize));
+        } else {
+            curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.postData.size()));
+            curl_easy_setopt(easy, CURLOPT_POSTFIELDS, request.postData.empty() ? "" : request.postData.data());
+        }
+    }
+    request.slist = list;
+    curl_easy_setopt(easy, CURLOPT_HTTPHEADER, list);
+
+    active_.emplace(easy, std::static_pointer_cast<RequestState>(request.shared_from_this()));
+    request.started = true;
+    curl_multi_add_handle(multi_, easy);
+    needsPerform_ = true;
+}
+
+void Engine::Receive(RequestState& request) {
+    if (request.closeProcessed) return;
+    request.receiveRequested = true;
+    if (request.headersReady.load() && !request.headersDelivered) {
+        request.headersDelivered = true;
+        Push(request, StatusHeadersAvailable);
+    }
+}
+
+void Engine::Read(RequestState& request, void* buffer, uint32_t size) {
+    if (request.closeProcessed || request.errorDelivered) return;
+    const size_t buffered = request.Buffered();
+    if (buffered > 0) {
+        const size_t take = std::min<size_t>(buffered, size);
+        std::memcpy(buffer, request.body.data() + request.bodyOffset, take);
+        request.bodyOffset += take;
+        if (request.bodyOffset == request.body.size()) {
+            request.body.clear();
+            request.bodyOffset = 0;
+        }
+        Push(request, StatusReadComplete, buffer, static_cast<uint32_t>(take));
+        if (request.recvPaused && request.easy && request.Buffered() < kBufferLow) {
+            request.recvPaused = false;
+            request.lastActivity = Clock::now();
+            Pause(request);
+        }
+        return;
+    }
+    if (request.transferDone) {
+        if (request.transferError == 0)
+            Push(request, StatusReadComplete, buffer, 0);
+        else
+            DeliverError(request, ApiReadData);
+        return;
+    }
+    request.readPending = true;
+    request.readBuffer = buffer;
+    request.readSize = size;
+    if (request.recvPaused && request.easy) {
+        request.recvPaused = false;
+        request.lastActivity = Clock::now();
+        Pause(request);
+    }
+}
+
+void Engine::Write(RequestState& request, std::vector<char> data, uint32_t length) {
+    if (request.closeProcessed || request.transferDone) return;
+    if (length == 0) {
+        // The end of a body of known length: nothing to report.
+        if (!request.chunkedUpload) request.uploadEnd = true;
+    } else {
+        UploadBlock block;
+        block.reported = length;
+        if (request.chunkedUpload) {
+            if (request.dechunker.Feed(data.data(), data.size(), block.payload)) request.uploadEnd = true;
+        } else {
+            block.payload = std::move(data);
+        }
+        if (block.payload.empty())
+            Push(request, StatusWriteComplete, nullptr, length);
+        else
+            request.uploads.push_back(std::move(block));
+    }
+    if (request.uploadPaused && request.easy) {
+        request.uploadPaused = false;
+        request.lastActivity = Clock::now();
+        Pause(request);
+    }
+}
+
+void Engine::Close(HandleBase& handle, StatusCallback callback) {
+    if (handle.kind != Kind::Request) {
+        if (callback)
+            events_.push_back(Event{handle.shared_from_this(), callback, nullptr, StatusHandleClosing, nullptr, 0, {}});
+        return;
+    }
+    auto& request = static_cast<RequestState&>(handle);
+    if (request.closeProcessed) return;
+    request.closeProcessed = true;
+    const bool inFlight = request.started && !request.transferDone;
+    const uint32_t api = Api(request);
+    Detach(request);
+    request.transferDone = true;
+    request.uploads.clear();
+    if (inFlight) {
+        request.transferError = ErrorOperationCancelled;
+        request.errorDelivered = true;
+        Push(request, StatusRequestError, nullptr, 0, AsyncResult{api, ErrorOperationCancelled});
+    }
+    Push(request, StatusHandleClosing);
+}
+
+template <class T>
+std::shared_ptr<T> LookupAs(Handle handle, Kind kind) {
+    auto found = Engine::Get().Lookup(handle);
+    if (!found || found->kind != kind) return nullptr;
+    return std::static_pointer_cast<T>(found);
+}
+
+} // namespace
+
+uint32_t GetLastError() noexcept { return t_lastError; }
+void SetLastError(uint32_t error) noexcept { t_lastError = error; }
+
+size_t OpenHandleCount() { return g_liveHandles.load(); }
+
+Handle Open(const char* userAgent, uint32_t accessType, const char* proxyName, const char* proxyBypass,
+            uint32_t) {
+    auto session = std::make_shared<SessionState>();
+    session->userAgent = userAgent ? userAgent : "";
+    session->accessType = accessType;
+    session->proxy = proxyName ? proxyName : "";
+    session->proxyBypass = proxyBypass ? proxyBypass : "";
+    return Engine::Get().Register(session);
+}
+
+bool SetTimeouts(Handle handle, int32_t resolveMs, int32_t connectMs, int32_t sendMs, int32_t receiveMs) {
+    auto found = Engine::Get().Lookup(handle);
+    if (!found) return Fail(ErrorInvalidHandle);
+    const Timeouts timeouts{resolveMs, connectMs, sendMs, receiveMs};
+    if (found->kind == Kind::Session) {
+        auto& session = static_cast<SessionState&>(*found);
+        std::lock_guard lock(session.mutex);
+        session.timeouts = timeouts;
+        return true;
+    }
+    if (found->kind == Kind::Request) {
+        auto& request = static_cast<RequestState&>(*found);
+        std::lock_guard lock(request.setupMutex);
+        request.timeouts = timeouts;
+        return true;
+    }
+    return Fail(ErrorIncorrectHandleType);
+}
+
+bool SetOption(Handle handle, uint32_t option, const void* value, uint32_t length) {
+    auto found = Engine::Get().Lookup(handle);
+    if (!found) return Fail(ErrorInvalidHandle);
+    if (option == OptionClientCertContext) return found->kind == Kind::Request ? true : Fail(ErrorIncorrectHandleType);
+    if (found->kind != Kind::Session) return Fail(ErrorIncorrectHandleType);
+    if (!value || length < sizeof(uint32_t)) return Fail(ErrorInvalidParameter);
+    uint32_t number = 0;
+    std::memcpy(&number, value, sizeof(number));
+    auto& session = static_cast<SessionState&>(*found);
+    std::lock_guard lock(session.mutex);
+    switch (option) {
+    case OptionSecureProtocols: session.tls12Only = number == SecureProtocolTls12; return true;
+    case OptionEnableHttpProtocol: session.http2 = (number & ProtocolFlagHttp2) != 0; return true;
+    case OptionDecompression: session.decompression = number & (DecompressionGzip | DecompressionDeflate); return true;
+    case OptionEncodeExtra: session.encodeExtra = number != 0; return true;
+    default: return Fail(ErrorInvalidOption);
+    }
+}
+
+StatusCallback SetStatusCallback(Handle session, StatusCallback callback, uint32_t) {
+    auto state = LookupAs<SessionState>(session, Kind::Session);
+    if (!state) {
+        Fail(ErrorInvalidHandle);
+        return nullptr;
+    }
+    std::lock_guard lock(state->mutex);
+    return std::exchange(state->callback, callback);
+}
+
+Handle Connect(Handle session, const char* server, uint16_t port) {
+    auto state = LookupAs<SessionState>(session, Kind::Session);
+    if (!state) {
+        Fail(ErrorInvalidHandle);
+        return nullptr;
+    }
+    if (!server || !*server) {
+        Fail(ErrorInvalidUrl);
+        return nullptr;
+    }
+    auto connection = std::make_shared<ConnectionState>();
+    connection->session = std::move(state);
+    connection->server = server;
+    connection->port = port;
+    return Engine::Get().Register(connection);
+}
+
+Handle OpenRequest(Handle connection, const char* verb, const char* path, const char*, const char*,
+                   const char* const* acceptTypes, uint32_t flags) {
+    auto state = LookupAs<ConnectionState>(connection, Kind::Connection);
+    if (!state) {
+        Fail(ErrorInvalidHandle);
+        return nullptr;
+    }
+    auto request = std::make_shared<RequestState>();
+    request->connection = state;
+    request->session = state->session;
+    request->verb = verb && *verb ? verb : "GET";
+    request->path = path ? path : "";
+    for (const char* const* type = acceptTypes; type && *type; ++type) request->accept.emplace_back(*type);
+    request->flags = flags;
+    {
+        std::lock_guard lock(state->session->mutex);
+        request->callback = state->session->callback;
+        request->timeouts = state->session->timeouts;
+    }
+    return Engine::Get().Register(request);
+}
+
+bool AddRequestHeaders(Handle request, const char* headers, int64_t length, uint32_t) {
+    auto state = LookupAs<RequestState>(request, Kind::Request);
+    if (!state) return Fail(ErrorInvalidHandle);
+    if (!headers) return Fail(ErrorInvalidParameter);
+    if (state->sendIssued.load()) return Fail(ErrorIncorrectHandleState);
+    const std::string_view text = length < 0 ? std::string_view(headers) : std::string_view(headers, length);
+    std::lock_guard lock(state->setupMutex);
+    for (std::string_view rest = text; !rest.empty();) {
+        const size_t end = rest.find('\n');
+        std::string_view line = Trim(rest.substr(0, end));
+        rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
+        if (line.empty()) continue;
+        if (line.find(':') == std::string_view::npos) return Fail(ErrorInvalidParameter);
+        state->headerLines.emplace_back(line);
+    }
+    return true;
+}
+
+bool SendRequest(Handle request, const char*, int64_t, const void* data, uint32_t length, uint32_t totalLength,
+                 void* context) {
+    auto state = LookupAs<RequestState>(request, Kind::Request);
+    if (!state) return Fail(ErrorInvalidHandle);
+    if (state->closeIssued.load()) return Fail(ErrorInvalidHandle);
+    if (state->sendIssued.exchange(true)) return Fail(ErrorIncorrectHandleState);
+    state->context = context;
+    if (data && length > 0) {
+        const auto* bytes = static_cast<const char*>(data);
+        state->postData.assign(bytes, bytes + length);
+    }
+    if (totalLength > length) {
+        state->streamedUpload = true;
+        state->uploadSize = totalLength;
+        if (length > 0) {
+            UploadBlock block;
+            block.payload = std::move(state->postData);
+            state->postData.clear();
+            state->uploads.push_back(std::move(block));
+        }
+    }
+    Engine& engine = Engine::Get();
+    engine.Run([state, &engine] { engine.Start(*state); });
+    return true;
+}
+
+bool WriteData(Handle request, const void* data, uint32_t length, uint32_t* written) {
+    auto state = LookupAs<RequestState>(request, Kind::Request);
+    if (!state) return Fail(ErrorInvalidHandle);
+    if (!state->sendIssued.load()) return Fail(ErrorIncorrectHandleState);
+    if (length > 0 && !data) return Fail(ErrorInvalidParameter);
+    std::vector<char> copy;
+    if (length > 0) copy.assign(static_cast<const char*>(data), static_cast<const char*>(data) + length);
+    if (written) *written = 0;
+    Engine& engine = Engine::Get();
+    engine.Run([state, &engine, copy = std::move(copy), length]() mutable {
+        engine.Write(*state, std::move(copy), length);
+    });
+    return true;
+}
+
+bool ReceiveResponse(Handle request, void*) {
+    auto state = LookupAs<RequestState>(request, Kind::Request);
+    if (!state) return Fail(ErrorInvalidHandle);
+    if (!state->sendIssued.load()) return Fail(ErrorIncorrectHandleState);
+    Engine& engine = Engine::Get();
+    engine.Run([state, &engine] { engine.Receive(*state); });
+    return true;
+}
+
+bool QueryHeaders(Handle request, uint32_t infoLevel, const char*, void* buffer, uint32_t* bufferLength,
+                  uint32_t*) {
+    auto state = LookupAs<RequestState>(request, Kind::Request);
+    if (!state) return Fail(ErrorInvalidHandle);
+    if (!bufferLength) return Fail(ErrorInvalidParameter);
+    if ((infoLevel & 0xFFFF) != QueryRawHeadersCrlf) return Fail(ErrorInvalidParameter);
+    if (!state->headersReady.load()) return Fail(ErrorIncorrectHandleState);
+    std::lock_guard lock(state->headersMutex);
+    const size_t needed = (state->finalHeaders.size() + 2) & ~size_t{1};
+    if (!buffer || *bufferLength < state->finalHeaders.size() + 1) {
+        *bufferLength = static_cast<uint32_t>(needed);
+        return Fail(ErrorInsufficientBuffer);
+    }
+    std::memcpy(buffer, state->finalHeaders.c_str(), state->finalHeaders.size() + 1);
+    *bufferLength = static_cast<uint32_t>(state->finalHeaders.size());
+    return true;
+}
+
+bool ReadData(Handle request, void* buffer, uint32_t toRead, uint32_t* read) {
+    auto state = LookupAs<RequestState>(request, Kind::Request);
+    if (!state) return Fail(ErrorInvalidHandle);
+    if (!buffer && toRead > 0) return Fail(ErrorInvalidParameter);
+    if (!state->sendIssued.load()) return Fail(ErrorIncorrectHandleState);
+    if (read) *read = 0;
+    Engine& engine = Engine::Get();
+    engine.Run([state, &engine, buffer, toRead] { engine.Read(*state, buffer, toRead); });
+    return true;
+}
+
+bool CloseHandle(Handle handle) {
+    Engine& engine = Engine::Get();
+    auto found = engine.Unregister(handle);
+    if (!found) return Fail(ErrorInvalidHandle);
+    StatusCallback callback = nullptr;
+    if (found->kind == Kind::Request) {
+        static_cast<RequestState&>(*found).closeIssued.store(true);
+    } else {
+        SessionState& session = found->kind == Kind::Session ? static_cast<SessionState&>(*found)
+                                                              : *static_cast<ConnectionState&>(*found).session;
+        std::lock_guard lock(session.mutex);
+        callback = session.callback;
+    }
+    engine.Run([found, callback, &engine] { engine.Close(*found, callback); });
+    return true;
+}
+
+} // namespace Platform::Windows::Network::Http::Transport

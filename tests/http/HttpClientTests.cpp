@@ -1,0 +1,534 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Core/AbiGuard.h"
+#include "Data/Values.h"
+#include "HttpClientImpl.h"
+#include "HttpRequestImpl.h"
+#include "Platform/Network/Http/Headers.h"
+#include "Platform/Network/Http/HttpClient.h"
+#include "Platform/Network/Http/HttpRequest.h"
+#include "Platform/Threading/AsyncTask.h"
+#include "RecordingLogger.h"
+#include "TestObjects.h"
+#include "Transport.h"
+#include "support/TestServer.h"
+#include "support/Wait.h"
+
+namespace Http = Platform::Network::Http;
+namespace Impl = Platform::Windows::Network::Http;
+using Core::Ptr;
+using Platform::Interfaces::IAsyncTask;
+using Platform::Interfaces::IHttpClient;
+using Platform::Interfaces::IHttpRequest;
+using Platform::Interfaces::IHttpRequest2;
+using Platform::Interfaces::IHttpResponse;
+using Platform::Interfaces::IHttpResponseStream;
+using TestSupport::RawServer;
+using TestSupport::TestServer;
+using TestSupport::WaitUntil;
+
+namespace {
+
+Ptr<Platform::Interfaces::IAcceptTypes> AnyType() {
+    Ptr<Platform::Interfaces::IAcceptTypes> accept;
+    Http::CreateAcceptTypes(accept.ReceiveAddress());
+    Http::AddContentType(accept.Raw(), Http::ContentTypeAny);
+    return accept;
+}
+
+Ptr<IHttpRequest> NewRequest(const Ptr<IHttpClient>& client, const std::string& path, uint32_t method = 0) {
+    Ptr<IHttpRequest> request;
+    EXPECT_TRUE(client->CreateRequest(path.c_str(), AnyType().Raw(), method, request.ReceiveAddress()));
+    return request;
+}
+
+Impl::HttpRequestImpl* ImplOf(const Ptr<IHttpRequest>& request) {
+    return static_cast<Impl::HttpRequestImpl*>(request.Raw());
+}
+
+// Runs a blocking call with a bound: past it the request is closed, which ends any wait on it.
+template <class Body>
+bool Bounded(const Ptr<IHttpRequest>& request, Body body, std::chrono::seconds bound = std::chrono::seconds(60)) {
+    auto done = std::async(std::launch::async, body);
+    if (done.wait_for(bound) == std::future_status::ready) return true;
+    request->Close();
+    done.wait();
+    return false;
+}
+
+bool WaitTask(const Ptr<IAsyncTask>& task) {
+    return WaitUntil([&] { return task->IsCompleted() || task->IsCancelled(); }, std::chrono::seconds(60));
+}
+
+bool Logged(TestSupport::ScopedRecordingLogger& logger, const std::string& text) {
+    for (const auto& line : logger->Lines())
+        if (line.text.find(text) != std::string::npos) return true;
+    return false;
+}
+
+class HttpClientTest : public testing::Test {
+protected:
+    void TearDown() override {
+        // Every request, client and transport handle is gone once the last event was delivered.
+        EXPECT_TRUE(WaitUntil([] { return Impl::Transport::OpenHandleCount() == 0; }));
+    }
+    TestServer server;
+};
+
+struct ConnectCase {
+    const char* url;
+    const char* server;
+    uint32_t port;
+    bool secure;
+    const char* baseUrl;
+};
+
+class ClientConnect : public testing::TestWithParam<ConnectCase> {};
+
+TEST_P(ClientConnect, FindsServerPortAndBaseAddress) {
+    auto client = Core::MakeObject<Impl::HttpClientImpl>();
+    ASSERT_TRUE(client->OpenSession("Test/1.0", 0));
+    EXPECT_TRUE(client->ConnectUrl(GetParam().url));
+    EXPECT_EQ(client->GetServer(), GetParam().server);
+    EXPECT_EQ(client->GetPort(), GetParam().port);
+    EXPECT_EQ(client->IsSecure(), GetParam().secure);
+    EXPECT_STREQ(client->GetBaseUrl(), GetParam().baseUrl);
+}
+
+INSTANTIATE_TEST_SUITE_P(Addresses, ClientConnect,
+                         testing::Values(ConnectCase{"server:8080/x", "server", 8080, true, "https://server:8080"},
+                                         ConnectCase{"http://a", "a", 80, false, "http://a"},
+                                         ConnectCase{"https://a:8443/p/q", "a", 8443, true, "https://a:8443"},
+                                         ConnectCase{"https://b", "b", 443, true, "https://b"}));
+
+TEST(HttpClient, FactoryAndSettersFollowTheirRules) {
+    auto client = Http::CreateHttpClient("server:8080/x", "Agent/2", 0);
+    EXPECT_FALSE(client->IsSecure()); // the address does not start with "https"
+    EXPECT_STREQ(client->GetBaseUrl(), "http://server:8080");
+    EXPECT_STREQ(client->GetUserAgent(), "Agent/2");
+    EXPECT_EQ(client->GetResolveTimeout(), 0u);
+    EXPECT_EQ(client->GetConnectTimeout(), 60000u);
+    EXPECT_EQ(client->GetSendTimeout(), 30000u);
+    EXPECT_EQ(client->GetReceiveTimeout(), 30000u);
+    client->SetReceiveTimeout(5);
+    EXPECT_EQ(client->GetReceiveTimeout(), 5u);
+    client->SetSecure(true);
+    EXPECT_TRUE(client->IsSecure());
+    EXPECT_STREQ(client->GetBaseUrl(), "https://server:8080");
+    ASSERT_TRUE(client->Connect("host", 80));
+    EXPECT_STREQ(client->GetBaseUrl(), "https://host"); // a secure client on port 80 shows no port
+
+    Ptr<IHttpRequest> request;
+    EXPECT_FALSE(client->CreateRequest("/x", nullptr, 0, request.ReceiveAddress()));
+    Ptr<Platform::Interfaces::IHttpRequestStream> stream;
+    Ptr<Core::IErrorCode> error;
+    EXPECT_FALSE(client->CreateRequestStream("/x", nullptr, 1, stream.ReceiveAddress(), error.ReceiveAddress()));
+    EXPECT_STREQ(error->GetMessage(),
+                 "Pointer of class Platform::Windows::Network::Http::AcceptTypesImpl must not be null!");
+
+    auto bare = Core::MakeObject<Impl::HttpClientImpl>();
+    EXPECT_FALSE(bare->CreateRequest("/x", AnyType().Raw(), 0, request.ReceiveAddress()));
+    EXPECT_FALSE(bare->ConnectUrl("http://a")); // no session
+}
+
+TEST_F(HttpClientTest, BufferedGetThroughGetResponse) {
+    auto client = Http::CreateHttpClient(server.Base().c_str(), "Test/1.0", 0);
+    auto request = NewRequest(client, "/hello");
+    EXPECT_EQ(request->GetResponse(false), nullptr); // before the end: neither sends nor blocks
+    EXPECT_EQ(ImplOf(request)->State(), Impl::StateIdle);
+    IHttpResponse* response = nullptr;
+    ASSERT_TRUE(Bounded(request, [&] { response = request->GetResponse(true); }));
+    ASSERT_NE(response, nullptr);
+    EXPECT_EQ(ImplOf(request)->State(), Impl::StateResponse);
+    EXPECT_TRUE(request->IsCompleted());
+    EXPECT_TRUE(request->IsClosed());
+    EXPECT_EQ(response->GetStatusCode(), 200);
+    EXPECT_EQ(std::string(static_cast<const char*>(response->GetBodyData()), response->GetBodySize()), "hello world");
+    EXPECT_STREQ(response->GetHeader("content-TYPE"), "application/octet-stream");
+    EXPECT_EQ(response->GetHeader("X-Missing"), nullptr);
+    EXPECT_EQ(request->GetResponse(false), response);
+}
+
+TEST_F(HttpClientTest, SendTwiceAndTaskAfterCompletion) {
+    auto client = Http::CreateHttpClient(server.Base().c_str(), "Test/1.0", 0);
+    auto request = NewRequest(client, "/hello");
+    ASSERT_TRUE(request->Send());
+    EXPECT_EQ(ImplOf(request)->State(), Impl::StateResponse);
+    EXPECT_FALSE(request->Send());
+    ASSERT_TRUE(Bounded(request, [&] { request->WaitForResponse(); }));
+    ASSERT_TRUE(request->IsCompleted());
+    IHttpResponse* response = request->GetResponse(false);
+    ASSERT_NE(response, nullptr);
+
+    Ptr<IAsyncTask> task;
+    ASSERT_TRUE(request->GetResponseAsync(task.ReceiveAddress()));
+    EXPECT_TRUE(task->IsCompleted()); // finished at once
+    EXPECT_EQ(task->GetState(), Platform::Interfaces::AsyncTaskCompleted);
+    auto result = Platform::Threading::AsyncTaskWithResultBase<Http::HttpRequest>(Platform::Threading::AsyncTask(task));
+    Data::Variant value = result.GetResultVariant();
+    EXPECT_EQ(value.ToObject(), static_cast<Core::IObject*>(response));
+
+    // After a stored response the stream form is refused with the first text.
+    Ptr<IAsyncTask> streamTask;
+    Ptr<Core::IErrorCode> error;
+    EXPECT_FALSE(ImplOf(request)->_abi_GetResponseStreamAsync(streamTask.ReceiveAddress(), error.ReceiveAddress()));
+    EXPECT_STREQ(error->GetMessage(), "Other GetResponse method was already called. GetResponseStreamAsync and "
+                                      "GetResponseAsync are mutually exclusive!");
+}
+
+TEST_F(HttpClientTest, StreamFormRefusedAfterSend) {
+    auto client = Http::CreateHttpClient(server.Base().c_str(), "Test/1.0", 0);
+    auto request = NewRequest(client, "/slow?ms=100");
+    ASSERT_TRUE(request->Send());
+    Ptr<IAsyncTask> task;
+    Ptr<Core::IErrorCode> error;
+    EXPECT_FALSE(ImplOf(request)->_abi_GetResponseStreamAsync(task.ReceiveAddress(), error.ReceiveAddress()));
+    EXPECT_STREQ(error->GetMessage(),
+                 "GetResponse or GetResponseAsync method was already called. GetResponseStreamAsync and "
+                 "GetResponseAsync are mutually exclusive and cannot be used on the same request!");
+    EXPECT_EQ(ImplOf(request)->State(), Impl::StateResponse);
+    ASSERT_TRUE(Bounded(request, [&] { request->WaitForResponse(); }));
+}
+
+TEST_F(HttpClientTest, GetResponseAsyncCompletesTheTask) {
+    auto client = Http::CreateHttpClient(server.Base().c_str(), "Test/1.0", 0);
+    auto request = NewRequest(client, "/text");
+    Ptr<IAsyncTask> task;
+    ASSERT_TRUE(request->GetResponseAsync(task.ReceiveAddress()));
+    EXPECT_EQ(ImplOf(request)->State(), Impl::StateResponse);
+    ASSERT_TRUE(WaitTask(task));
+    ASSERT_EQ(task->GetState(), Platform::Interfaces::AsyncTaskCompleted);
+    Data::Variant value = Platform::Threading::AsyncTask(task).GetResultVariant();
+    auto* response = dynamic_cast<IHttpResponse*>(value.ToObject());
+    ASSERT_NE(response, nullptr);
+    EXPECT_EQ(response->GetBodySize(), 5003u); // decoded by the transport when the server compresses it
+    EXPECT_TRUE(request->IsCompleted());
+    EXPECT_TRUE(WaitUntil([&] { return request->IsClosed(); }));
+}
+
+TEST_F(HttpClientTest, StreamedResponseIsReadThroughTheAsyncStream) {
+    TestSupport::ScopedRecordingLogger logger;
+    auto client = Http::CreateHttpClient(server.Base().c_str(), "Test/1.0", 0);
+    auto request = NewRequest(client, "/large?bytes=200000");
+    auto* request2 = ImplOf(request);
+    Ptr<IAsyncTask> task;
+    ASSERT_TRUE(request2->_abi_GetResponseStreamAsync(task.ReceiveAddress(), nullptr));
+    ASSERT_NE(task.Raw(), nullptr);
+    EXPECT_EQ(request2->State(), Impl::StateStream);
+
+    // The buffered forms are refused in the stream state.
+    EXPECT_EQ(request->GetResponse(true), nullptr);
+    Ptr<IAsyncTask> other;
+    EXPECT_FALSE(request->GetResponseAsync(other.ReceiveAddress()));
+    request->WaitForResponse();
+    EXPECT_TRUE(Logged(logger, "GetResponseStreamAsync was called previously which state is incompatible with "
+                               "GetResponse or GetResponseAsync functions."));
+    EXPECT_TRUE(Logged(logger, "incompatible with WaitForResponse"));
+
+    ASSERT_TRUE(WaitTask(task));
+    ASSERT_EQ(task->GetState(), Platform::Interfaces::AsyncTaskCompleted);
+    Data::Variant value = Platform::Threading::AsyncTask(task).GetResultVariant();
+    auto* stream = dynamic_cast<IHttpResponseStream*>(value.ToObject());
+    ASSERT_NE(stream, nullptr);
+    EXPECT_EQ(stream->GetStatusCode(), 200);
+    EXPECT_TRUE(stream->HasHeader("content-length"));
+    EXPECT_STREQ(stream->_abi_GetHeader("Content-Length", nullptr), "200000");
+    Ptr<Core::IErrorCode> error;
+    EXPECT_EQ(stream->_abi_GetHeader("X-None", error.ReceiveAddress()), nullptr);
+    EXPECT_STREQ(error->GetMessage(), "invalid unordered_map<K, T> key");
+    Ptr<Data::Interfaces::IVariantDictionary> headers;
+    ASSERT_TRUE(stream->_abi_GetHeaders(headers.ReceiveAddress(), nullptr));
+    EXPECT_TRUE(headers->HasKey("Response"));
+
+    Platform::Interfaces::IAsyncStream* body = stream->_abi_GetAsyncStream(nullptr);
+    ASSERT_NE(body, nullptr);
+    EXPECT_EQ(body->GetSize(), 200000u);
+    std::string received;
+    std::vector<char> blocks(3 * 16384);
+    struct Counter final : Core::LightObjectImplBase<Core::IObject> {
+        std::atomic<uint64_t> bytes{0};
+    };
+    auto counter = Core::MakeObject<Counter>();
+    auto callback = [](Core::IObject* object, Core::IErrorCode* failure, uint32_t bytes) {
+        EXPECT_EQ(failure, nullptr);
+        static_cast<Counter*>(object)->bytes += bytes;
+    };
+    while (!body->IsEndOfStream() && received.size() <= 200000) {
+        // Three reads queued at once; each may come back with fewer bytes than asked.
+        for (int i = 0; i < 3; ++i)
+            ASSERT_TRUE(body->_abi_QueueReadAsync(blocks.data() + i * 16384, 16384, counter.Raw(), 0, callback, nullptr));
+        const uint64_t before = counter->bytes;
+        ASSERT_TRUE(body->WaitForCompletion(30000, false, false));
+        (void)before;
+        received.append(blocks.data(), blocks.size());
+    }
+    EXPECT_EQ(counter->bytes.load(), 200000u);
+    EXPECT_TRUE(body->IsEndOfStream());
+    value = Data::Variant();
+    task = nullptr;
+    request->Close();
+}
+
+TEST(AsyncStream, QueueChecksInTheirOrder) {
+    TestSupport::ScopedRecordingLogger logger;
+    auto stream = Core::MakeObject<Impl::impl::AsyncStreamImpl>(Impl::Transport::InvalidHandle(), 0, nullptr);
+    char buffer[64];
+    Ptr<Core::IErrorCode> error;
+    EXPECT_FALSE(stream->_abi_QueueReadAsync(buffer, 8, nullptr, 1, nullptr, error.ReceiveAddress()));
+    EXPECT_STREQ(error->GetMessage(), "fileOffset parameter must be 0 as stream seek is not supported!");
+    error = nullptr;
+    EXPECT_FALSE(stream->_abi_QueueReadAsync(buffer, 8, nullptr, 0, nullptr, error.ReceiveAddress()));
+    EXPECT_STREQ(error->GetMessage(),
+                 "Async http stream request reference was dropped and cannot queue anymore reads!");
+    error = nullptr;
+    EXPECT_FALSE(stream->_abi_QueueWriteAsync(buffer, 8, nullptr, 0, nullptr, error.ReceiveAddress()));
+    EXPECT_STREQ(error->GetMessage(), "Stream is read only!");
+    EXPECT_FALSE(stream->IsSeekable());
+    EXPECT_FALSE(stream->CanWrite());
+
+    // A handle value that the transport does not know: the queue takes reads, the overlap rule holds.
+    auto live = Core::MakeObject<Impl::impl::AsyncStreamImpl>(reinterpret_cast<void*>(uintptr_t{1} << 40), 0, nullptr);
+    ASSERT_TRUE(live->_abi_QueueReadAsync(buffer + 16, 16, nullptr, 0, nullptr, nullptr));
+    error = nullptr;
+    EXPECT_FALSE(live->_abi_QueueReadAsync(buffer, 16, nullptr, 0, nullptr, error.ReceiveAddress()));
+    EXPECT_STREQ(error->GetMessage(), "Another buffer was already queued which overlaps with the buffer area that was "
+                                      "provided! Queued reads must not have overlapped memory regions!");
+    EXPECT_TRUE(live->_abi_QueueReadAsync(buffer + 32, 16, nullptr, 0, nullptr, nullptr));
+    // The unknown handle fails the read: the wait ends and reports the transport's number.
+    EXPECT_TRUE(live->WaitForCompletion(1000, false, false));
+    EXPECT_TRUE(Logged(logger, "WinHttpReadData failed (6)"));
+    EXPECT_TRUE(Logged(logger, "Cannot queue reads") == false);
+}
+
+TEST_F(HttpClientTest, ClosingInFlightCallsBackWithNullAndFreesEverything) {
+    RawServer hang([](int fd, const std::string&) {
+        char byte;
+        while (::recv(fd, &byte, 1, 0) > 0) {
+        }
+    });
+    TestSupport::ScopedRecordingLogger logger;
+    std::atomic<int> liveUserObjects{0};
+    std::atomic<int> nullCalls{0};
+    {
+        auto client = Http::CreateHttpClient(hang.Base().c_str(), "Test/1.0", 0);
+        Http::HttpRequest request(NewRequest(client, "/never"));
+        client = nullptr; // the request keeps the client alive
+        ASSERT_TRUE(request.SendHttpRequestAsync([&](const Http::HttpResponse& response) {
+            if (!response) ++nullCalls;
+        }));
+        ASSERT_TRUE(WaitUntil([&] { return Logged(logger, "http://127.0.0.1"); }));
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        auto marker = Core::MakeObject<TestSupport::Counted>(&liveUserObjects);
+        EXPECT_TRUE(request->Close());
+        EXPECT_GE(nullCalls.load(), 1);
+        EXPECT_TRUE(request->IsClosed());
+        EXPECT_FALSE(request->Close());
+    }
+    // The request went with its last event, and with it the client and every transport handle.
+    ASSERT_TRUE(WaitUntil([] { return Impl::Transport::OpenHandleCount() == 0; }));
+    bool debugLine = false;
+    for (const auto& line : logger->Lines())
+        if (line.text.find("AsyncCallback: WINHTTP_CALLBACK_STATUS_REQUEST_ERROR [12017]") != std::string::npos)
+            debugLine = true;
+    EXPECT_TRUE(debugLine);
+    EXPECT_EQ(liveUserObjects.load(), 0);
+}
+
+TEST_F(HttpClientTest, ReleasedClientOutlivesItsRequests) {
+    std::vector<Ptr<IAsyncTask>> tasks;
+    {
+        auto client = Http::CreateHttpClient(server.Base().c_str(), "Test/1.0", 0);
+        for (int i = 0; i < 20; ++i) {
+            auto request = NewRequest(client, "/slow?ms=50");
+            Ptr<IAsyncTask> task;
+            ASSERT_TRUE(request->GetResponseAsync(task.ReceiveAddress()));
+            tasks.push_back(task);
+        }
+    }
+    for (auto& task : tasks) {
+        ASSERT_TRUE(WaitTask(task));
+        EXPECT_EQ(task->GetState(), Platform::Interfaces::AsyncTaskCompleted);
+    }
+}
+
+struct FetchCase {
+    const char* path;
+    bool success;
+    const char* text;
+};
+
+class FetchUrl : public HttpClientTest, public testing::WithParamInterface<FetchCase> {};
+
+TEST_P(FetchUrl, OnlyACompleteOkCounts) {
+    const std::string url = server.Base() + GetParam().path;
+    auto result = Http::FetchUrlText(url.c_str());
+    EXPECT_EQ(result.success, GetParam().success);
+    EXPECT_EQ(result.text, GetParam().text);
+}
+
+INSTANTIATE_TEST_SUITE_P(Statuses, FetchUrl,
+                         testing::Values(FetchCase{"/hello", true, "hello world"}, FetchCase{"/status/204", false, ""},
+                                         FetchCase{"/status/404", false, ""}, FetchCase{"/status/500", false, ""},
+                                         FetchCase{"/notype", true, "no type"}, FetchCase{"/empty", true, ""},
+                                         FetchCase{"/redirect?n=3", true, "hello world"}));
+
+TEST_F(HttpClientTest, DecodedBodyCompletes) {
+    // Without the length and encoding lines the decoded body counts as complete.
+    auto client = Http::CreateHttpClient(server.Base().c_str(), "Test/1.0", 0);
+    auto request = NewRequest(client, "/gzip");
+    IHttpResponse* response = nullptr;
+    ASSERT_TRUE(Bounded(request, [&] { response = request->GetResponse(true); }));
+    ASSERT_NE(response, nullptr);
+    EXPECT_TRUE(request->IsCompleted());
+    EXPECT_EQ(std::string(static_cast<const char*>(response->GetBodyData()), response->GetBodySize()),
+              TestServer::GzipText());
+    // The completeness test enters the missing length as empty; the encoding stays absent.
+    EXPECT_STREQ(response->GetHeader("Content-Length"), "");
+    EXPECT_EQ(response->GetHeader("Content-Encoding"), nullptr);
+    auto fetched = Http::FetchUrlText((server.Base() + "/gzip").c_str());
+    EXPECT_TRUE(fetched.success);
+}
+
+TEST_F(HttpClientTest, TruncatedBodyIsNeverASuccess) {
+    RawServer truncated([](int fd, const std::string&) {
+        RawServer::SendAll(fd, "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n0123456789");
+    });
+    TestSupport::ScopedRecordingLogger logger;
+    auto client = Http::CreateHttpClient(truncated.Base().c_str(), "Test/1.0", 0);
+    auto request = NewRequest(client, "/");
+    IHttpResponse* response = nullptr;
+    ASSERT_TRUE(Bounded(request, [&] { response = request->GetResponse(true); }));
+    ASSERT_NE(response, nullptr); // partly filled, with its status line
+    EXPECT_EQ(response->GetStatusCode(), 200);
+    EXPECT_FALSE(request->IsCompleted());
+    EXPECT_TRUE(Logged(logger, "AsyncCallback: WINHTTP_CALLBACK_STATUS_REQUEST_ERROR [12030]"));
+    auto fetched = Http::FetchUrlText((truncated.Base() + "/").c_str());
+    EXPECT_FALSE(fetched.success);
+    EXPECT_EQ(fetched.text, "");
+}
+
+TEST_F(HttpClientTest, ResponsesOfEveryKind) {
+    struct Case {
+        const char* path;
+        int status;
+        size_t size;
+        const char* contentType;
+    };
+    const Case cases[] = {
+        {"/status/404", 404, 10, "text/html"},  {"/status/500", 500, 10, "text/html"},
+        {"/wrongtype", 200, 17, "image/png"},
+        {"/empty", 200, 0, "application/octet-stream"}, {"/status/204", 204, 0, nullptr},
+        {"/chunked", 200, 30000, "application/octet-stream"},
+        {"/redirect?n=10", 200, 11, "application/octet-stream"},
+        {"/large", 200, 40u << 20, "application/octet-stream"},
+    };
+    auto client = Http::CreateHttpClient(server.Base().c_str(), "Test/1.0", 0);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.path);
+        auto request = NewRequest(client, c.path);
+        IHttpResponse* response = nullptr;
+        ASSERT_TRUE(Bounded(request, [&] { response = request->GetResponse(true); }));
+        ASSERT_NE(response, nullptr);
+        EXPECT_EQ(response->GetStatusCode(), c.status);
+        EXPECT_EQ(response->GetBodySize(), c.size);
+        if (c.contentType)
+            EXPECT_STREQ(response->GetHeader("Content-Type"), c.contentType);
+        else
+            EXPECT_EQ(response->GetHeader("Content-Type"), nullptr);
+        if (c.size == (40u << 20)) {
+            const char* data = static_cast<const char*>(response->GetBodyData());
+            bool same = true;
+            for (size_t i = 0; i < c.size && same; ++i) same = data[i] == TestSupport::PatternByte(i);
+            EXPECT_TRUE(same);
+        }
+    }
+}
+
+TEST_F(HttpClientTest, ResponseWithoutContentTypeOrLength) {
+    RawServer plain([](int fd, const std::string&) {
+        RawServer::SendAll(fd, "HTTP/1.0 200 Fine\r\nX-A: 1\r\n\r\nbody until close");
+    });
+    auto client = Http::CreateHttpClient(plain.Base().c_str(), "Test/1.0", 0);
+    auto request = NewRequest(client, "/");
+    IHttpResponse* response = nullptr;
+    ASSERT_TRUE(Bounded(request, [&] { response = request->GetResponse(true); }));
+    ASSERT_NE(response, nullptr);
+    EXPECT_TRUE(request->IsCompleted()); // no length: complete at the first read of nothing
+    EXPECT_EQ(response->GetHeader("Content-Type"), nullptr);
+    EXPECT_STREQ(response->GetHeader("x-a"), "1");
+    EXPECT_EQ(std::string(static_cast<const char*>(response->GetBodyData()), response->GetBodySize()),
+              "body until close");
+}
+
+TEST_F(HttpClientTest, HeadersAndRefusedMethods) {
+    auto client = Http::CreateHttpClient(server.Base().c_str(), "Test/1.0", 0);
+    auto request = NewRequest(client, "/headers");
+    Ptr<Platform::Interfaces::IHttpHeaders> headers;
+    ASSERT_TRUE(Http::CreateHttpHeaders(headers.ReceiveAddress()));
+    EXPECT_FALSE(request->AddHeaders(headers.Raw()));
+    EXPECT_FALSE(request->AddHeaders(nullptr));
+    headers->Add("X-Test", "a");
+    headers->Add("x-test", "b");
+    EXPECT_TRUE(request->AddHeaders(headers.Raw()));
+    IHttpResponse* response = nullptr;
+    ASSERT_TRUE(Bounded(request, [&] { response = request->GetResponse(true); }));
+    ASSERT_NE(response, nullptr);
+    const std::string echoed(static_cast<const char*>(response->GetBodyData()), response->GetBodySize());
+    EXPECT_NE(echoed.find("X-Test: a;b"), std::string::npos) << echoed;
+    EXPECT_NE(echoed.find("User-Agent: Test/1.0"), std::string::npos);
+    EXPECT_NE(echoed.find("Accept: */*"), std::string::npos);
+
+    auto options = NewRequest(client, "/hello", Http::HttpMethodOptions);
+    EXPECT_FALSE(options->Send());
+    EXPECT_EQ(ImplOf(options)->State(), Impl::StateIdle);
+    EXPECT_EQ(options->GetResponse(true), nullptr); // refused, then closed
+    EXPECT_TRUE(options->IsClosed());
+}
+
+TEST_F(HttpClientTest, InMemoryUploads) {
+    auto client = Http::CreateHttpClient(server.Base().c_str(), "Test/1.0", 0);
+    for (size_t size : {size_t{0}, size_t{1}, size_t{300000}}) {
+        for (uint32_t method : {Http::HttpMethodPost, Http::HttpMethodPut, Http::HttpMethodPatch}) {
+            std::string body(size, 'q');
+            auto request = NewRequest(client, "/upload", method);
+            request->SetBody(body.data(), body.size());
+            EXPECT_EQ(request->GetBodySize(), size);
+            IHttpResponse* response = nullptr;
+            ASSERT_TRUE(Bounded(request, [&] { response = request->GetResponse(true); }));
+            ASSERT_NE(response, nullptr);
+            const std::string echoed(static_cast<const char*>(response->GetBodyData()), response->GetBodySize());
+            EXPECT_EQ(echoed.substr(0, echoed.find(' ')), std::to_string(size));
+            EXPECT_EQ(echoed.substr(echoed.rfind(' ') + 1), Impl::MethodVerb(method));
+        }
+    }
+}
+
+TEST_F(HttpClientTest, ThousandsInFlightNothingLost) {
+    auto client = Http::CreateHttpClient(server.Base().c_str(), "Test/1.0", 0);
+    constexpr int count = 3000;
+    std::vector<Ptr<IAsyncTask>> tasks;
+    tasks.reserve(count);
+    for (int i = 0; i < count; ++i) {
+        auto request = NewRequest(client, "/hello");
+        Ptr<IAsyncTask> task;
+        ASSERT_TRUE(request->GetResponseAsync(task.ReceiveAddress()));
+        tasks.push_back(std::move(task));
+    }
+    int ok = 0;
+    for (auto& task : tasks) {
+        ASSERT_TRUE(WaitTask(task));
+        Data::Variant value = Platform::Threading::AsyncTask(task).GetResultVariant();
+        auto* response = dynamic_cast<IHttpResponse*>(value.ToObject());
+        if (response && response->GetStatusCode() == 200 && response->GetBodySize() == 11) ++ok;
+    }
+    EXPECT_EQ(ok, count);
+}
+
+} // namespace
