@@ -51,20 +51,22 @@ TEST(TmsFetcher, SplitsServiceUrls) {
         {"", "", 80, false, "", ""},
     };
     for (const auto& c : cases) {
-        TmsFetcherImpl fetcher(c.url, 0);
+        auto fetcherObject = Core::MakeObject<TmsFetcherImpl>(c.url, 0);
+    auto& fetcher = *fetcherObject;
         EXPECT_EQ(fetcher.GetHost(), c.host) << c.url;
         EXPECT_EQ(fetcher.GetPort(), c.port) << c.url;
         EXPECT_EQ(fetcher.IsSecure(), c.secure) << c.url;
         EXPECT_EQ(fetcher.GetServiceUrl(), c.serviceUrl) << c.url;
         EXPECT_EQ(fetcher.GetPath(), c.path) << c.url;
     }
-    EXPECT_EQ(MessageOf([] { TmsFetcherImpl("http://h:port/x", 0); }), "invalid stoi argument");
-    EXPECT_EQ(MessageOf([] { TmsFetcherImpl("http://h:99999999999/x", 0); }), "stoi argument out of range");
-    EXPECT_EQ(MessageOf([] { TmsFetcherImpl("http://h:/x", 0); }), "invalid stoi argument");
+    EXPECT_EQ(MessageOf([] { Core::MakeObject<TmsFetcherImpl>("http://h:port/x", 0); }), "invalid stoi argument");
+    EXPECT_EQ(MessageOf([] { Core::MakeObject<TmsFetcherImpl>("http://h:99999999999/x", 0); }), "stoi argument out of range");
+    EXPECT_EQ(MessageOf([] { Core::MakeObject<TmsFetcherImpl>("http://h:/x", 0); }), "invalid stoi argument");
 }
 
 TEST(TmsFetcher, TemplateFormatAndDefaults) {
-    TmsFetcherImpl raster("http://h/{z}/{x}/{y}.png", 0);
+    auto rasterObject = Core::MakeObject<TmsFetcherImpl>("http://h/{z}/{x}/{y}.png", 0);
+    auto& raster = *rasterObject;
     EXPECT_EQ(raster.GetTileFormat(), 0);
     EXPECT_EQ(raster.GetFileExtension(), ".png");
     EXPECT_EQ(raster.GetLayerName(), "Tiles");
@@ -73,28 +75,33 @@ TEST(TmsFetcher, TemplateFormatAndDefaults) {
     EXPECT_TRUE(raster.IsCacheEnabled());
     EXPECT_EQ(raster.BuildTilePath(3, 5, 7), "/3/5/7.png");
 
-    TmsFetcherImpl vector("http://pbfhost/{z}/{x}/{y}", 0);
+    auto vectorObject = Core::MakeObject<TmsFetcherImpl>("http://pbfhost/{z}/{x}/{y}", 0);
+    auto& vector = *vectorObject;
     EXPECT_EQ(vector.GetTileFormat(), 1);
     EXPECT_EQ(vector.GetFileExtension(), ".pbf");
-    EXPECT_EQ(TmsFetcherImpl("http://h/{z}/{x}/{y}.PBF", 1).GetFileExtension(), ".pbf") << "asked for vector";
-    EXPECT_EQ(TmsFetcherImpl("http://h/{z}/{x}/{y}.PBF", 0).GetTileFormat(), 0) << "the mark is case-sensitive";
+    EXPECT_EQ(Core::MakeObject<TmsFetcherImpl>("http://h/{z}/{x}/{y}.PBF", 1)->GetFileExtension(), ".pbf") << "asked for vector";
+    EXPECT_EQ(Core::MakeObject<TmsFetcherImpl>("http://h/{z}/{x}/{y}.PBF", 0)->GetTileFormat(), 0) << "the mark is case-sensitive";
 
-    TmsFetcherImpl repeated("http://h/{x}/{x}-{y}/{Z}", 0);
+    auto repeatedObject = Core::MakeObject<TmsFetcherImpl>("http://h/{x}/{x}-{y}/{Z}", 0);
+    auto& repeated = *repeatedObject;
     EXPECT_EQ(repeated.BuildTilePath(1, 12, 34), "/12/12-34/{Z}");
     // A value that contains a mark is not replaced again.
-    EXPECT_EQ(TmsFetcherImpl("http://h/{x}{y}", 0).BuildTilePath(0, 1, 2), "/12");
+    EXPECT_EQ(Core::MakeObject<TmsFetcherImpl>("http://h/{x}{y}", 0)->BuildTilePath(0, 1, 2), "/12");
 }
 
 TEST(TmsFetcher, CacheHashIsTheTemplateHash) {
-    TmsFetcherImpl a("http://h/{z}/{x}/{y}.png", 0);
-    TmsFetcherImpl b("http://h/{z}/{x}/{y}.png?v=2", 0);
+    auto aObject = Core::MakeObject<TmsFetcherImpl>("http://h/{z}/{x}/{y}.png", 0);
+    auto& a = *aObject;
+    auto bObject = Core::MakeObject<TmsFetcherImpl>("http://h/{z}/{x}/{y}.png?v=2", 0);
+    auto& b = *bObject;
     EXPECT_EQ(a.GetCacheHash(), Core::Fnv1a64("http://h/{z}/{x}/{y}.png"));
     EXPECT_NE(a.GetCacheHash(), b.GetCacheHash());
-    EXPECT_EQ(TmsFetcherImpl("", 0).GetCacheHash(), 0xcbf29ce484222325ULL);
+    EXPECT_EQ(Core::MakeObject<TmsFetcherImpl>("", 0)->GetCacheHash(), 0xcbf29ce484222325ULL);
 }
 
 TEST(TmsFetcher, RangeChecks) {
-    TmsFetcherImpl fetcher("http://h/{z}/{x}/{y}.png", 0);
+    auto fetcherObject = Core::MakeObject<TmsFetcherImpl>("http://h/{z}/{x}/{y}.png", 0);
+    auto& fetcher = *fetcherObject;
     const struct {
         int32_t z, x, y;
         bool valid;
@@ -113,7 +120,8 @@ TEST(TmsFetcher, RangeChecks) {
 }
 
 TEST(TmsFetcher, TileGeometry) {
-    TmsFetcherImpl fetcher("http://h/{z}/{x}/{y}.png", 0);
+    auto fetcherObject = Core::MakeObject<TmsFetcherImpl>("http://h/{z}/{x}/{y}.png", 0);
+    auto& fetcher = *fetcherObject;
     const BoundingBoxValue world = fetcher.GetTileBounds(0, 0, 0);
     EXPECT_DOUBLE_EQ(world.minX, -180.0);
     EXPECT_DOUBLE_EQ(world.maxX, 180.0);
@@ -139,7 +147,8 @@ TEST(TmsFetcher, TileGeometry) {
 
 TEST(TmsCache, PathsAndDirectories) {
     TestSupport::TempDir dir;
-    TmsFetcherImpl fetcher("http://h/{z}/{x}/{y}.png", 0);
+    auto fetcherObject = Core::MakeObject<TmsFetcherImpl>("http://h/{z}/{x}/{y}.png", 0);
+    auto& fetcher = *fetcherObject;
     const auto low = static_cast<uint32_t>(fetcher.GetCacheHash());
     const std::string root = dir.Path().string();
     fetcher.SetCacheRoot(root);
@@ -159,7 +168,8 @@ TEST(TmsCache, PathsAndDirectories) {
     fetcher.SetCacheEnabled(false);
     EXPECT_FALSE(fetcher.IsTileCached(5, 17, 11));
 
-    TmsFetcherImpl rootless("http://h/{z}/{x}/{y}.png", 0);
+    auto rootlessObject = Core::MakeObject<TmsFetcherImpl>("http://h/{z}/{x}/{y}.png", 0);
+    auto& rootless = *rootlessObject;
     EXPECT_EQ(rootless.GetCachedTilePath(1, 2, 3).rfind("/TmsCache/", 0), 0u);
 }
 
@@ -167,7 +177,8 @@ TEST(TmsCache, MakingADirectoryOverAFileFails) {
     TestSupport::TempDir dir;
     TestSupport::ScopedRecordingLogger logger;
     std::ofstream(dir.File("blocker")) << "x";
-    TmsFetcherImpl fetcher("http://h/{z}/{x}/{y}.png", 0);
+    auto fetcherObject = Core::MakeObject<TmsFetcherImpl>("http://h/{z}/{x}/{y}.png", 0);
+    auto& fetcher = *fetcherObject;
     fetcher.SetCacheRoot(dir.File("blocker"));
     const std::string text = MessageOf([&] { fetcher.GetMapTileDirPath(1); });
     EXPECT_EQ(text.rfind("create_directories: ", 0), 0u) << text;

@@ -1,15 +1,25 @@
 #include "TileFetcherBase.h"
 
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <cctype>
+#include <cstring>
 #include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <vector>
 
+#include "Core/AbiGuard.h"
 #include "Core/Checked.h"
 #include "Core/StringFormat.h"
 #include "Platform/Log.h"
+#include "Platform/Network/Http/Headers.h"
+#include "Platform/Network/Http/HttpClient.h"
+#include "Platform/Threading/ThreadWorkerManager.h"
+#include "TellarImaging/Exports.h"
 
 namespace MapServices::impl {
 
@@ -56,6 +66,13 @@ int64_t FloorToInt64(double value) {
     return static_cast<int64_t>(value);
 }
 
+int64_t TileColumn(double longitude, double tiles) { return FloorToInt64((longitude + 180.0) / 360.0 * tiles); }
+
+int64_t TileRow(double latitude, double tiles) {
+    const double p = latitude * TilePi / 180.0;
+    return FloorToInt64((1.0 - std::log(std::tan(p) + 1.0 / std::cos(p)) / TilePi) * 0.5 * tiles);
+}
+
 bool IsNotFound(const std::error_code& error) {
     return error == std::errc::no_such_file_or_directory || error == std::errc::not_a_directory;
 }
@@ -98,14 +115,9 @@ BoundingBoxValue TileFetcherBase::GetTileBounds(int32_t x, int32_t y, int32_t z)
 
 TileRange TileFetcherBase::GetTileRange(const BoundingBoxValue& box, int32_t zoom) {
     const double n = std::pow(2.0, zoom);
-    const auto column = [n](double longitude) { return FloorToInt64((longitude + 180.0) / 360.0 * n); };
-    const auto row = [n](double latitude) {
-        const double p = latitude * TilePi / 180.0;
-        return FloorToInt64((1.0 - std::log(std::tan(p) + 1.0 / std::cos(p)) / TilePi) * 0.5 * n);
-    };
     TileRange range;
-    range.Extend(column(box.minX), row(box.minY));
-    range.Extend(column(box.maxX), row(box.maxY));
+    range.Extend(TileColumn(box.minX, n), TileRow(box.minY, n));
+    range.Extend(TileColumn(box.maxX, n), TileRow(box.maxY, n));
     return range;
 }
 
@@ -206,6 +218,269 @@ Data::Array TileFetcherBase::ReadTileFile(const std::string& path) {
     Data::Array bytes = Data::Array::Create(size);
     if (size != 0) in.read(reinterpret_cast<char*>(bytes.GetData()), static_cast<std::streamsize>(size));
     return bytes;
+}
+
+} // namespace MapServices::impl
+
+namespace MapServices::impl {
+
+namespace {
+
+using Platform::Network::Http::HttpRequest;
+using Platform::Network::Http::HttpResponse;
+
+constexpr const char* FetchFunction = "MapServices::impl::TileFetcherBase::FetchTileDataAsync";
+constexpr const char* DownloadFunction = "MapServices::impl::TileFetcherBase::DownloadMap";
+
+void LogException(const char* function, const std::exception& e) {
+    Platform::LogMessage(Platform::LogError, function, "", 0, Core::StringFormat("Exception: %s", e.what()));
+}
+
+// A tile body worth keeping: image types, vector tiles and plain bytes.
+bool IsTileContentType(const char* header) {
+    const std::string_view type = header ? header : "";
+    return type.find("mapbox") != std::string_view::npos || type.find("octet-stream") != std::string_view::npos ||
+           type.find("image") != std::string_view::npos;
+}
+
+// A name beside `path` that no other writer uses at the same time.
+std::string TemporaryNameFor(const std::string& path) {
+    static std::atomic<uint64_t> counter{0};
+    return Core::StringFormat("%s.%ld.%llu.part", path.c_str(), static_cast<long>(::syscall(SYS_gettid)),
+                              static_cast<unsigned long long>(++counter));
+}
+
+} // namespace
+
+TileFetcherBase::TileFetcherBase()
+    : dispatcher_(Core::MakeObject<Platform::Threading::impl::ThreadDispatcher>()),
+      worker_(Platform::Threading::ThreadWorkerManager::GetWorker("Tile Response Worker")) {}
+
+Core::Ptr<Platform::Interfaces::IHttpClient> TileFetcherBase::GetHttpClient() {
+    if (!httpClient_.IsNull()) return httpClient_;
+    auto client = Platform::Network::Http::CreateHttpClient(GetServiceUrl().c_str(), "TellarMapClient/2.0",
+                                                            static_cast<uint32_t>(proxyMode_));
+    client->SetReceiveTimeout(90000);
+    clientUrl_ = client->GetBaseUrl();
+    httpClient_ = client;
+    return client;
+}
+
+void TileFetcherBase::SetProxyMode(int32_t mode) {
+    proxyMode_ = mode;
+    httpClient_.Reset();
+}
+
+void TileFetcherBase::ClearQueue() {
+    Platform::LogMessage(Platform::LogDebug, "MapServices::impl::TileFetcherBase::ClearQueue", "", 0,
+                         "Method Not Implemented!");
+}
+
+TileRequest TileFetcherBase::FetchTileDataAsync(int32_t z, int32_t x, int32_t y, TileDataCallback callback) {
+    if (!IsTileValid(z, x, y)) return {};
+    if (worker_.IsNull() || dispatcher_.IsNull()) {
+        Platform::LogMessage(Platform::LogError, FetchFunction, "", 0,
+                             "Missing async workers! Use Set...Worker methods!");
+        return {};
+    }
+    auto request = Core::MakeObject<TileRequestImpl>(z, x, y, std::move(callback));
+    Core::Ptr<ITileFetcher> self(this);
+    try {
+        if (IsCacheEnabled() && PathExists(GetCachedTilePath(z, x, y))) {
+            request->SetTask(worker_->Post([self, request] {
+                static_cast<TileFetcherBase*>(self.Raw())->ReadCachedTile(request);
+            }));
+            return TileRequest(Core::Ptr<ITileRequest>(request.Raw()));
+        }
+        HttpRequest http = CreateTileHttpRequest(z, x, y);
+        if (http.IsNull()) return {};
+        request->SetHttpRequest(http);
+        http.SendHttpRequestAsync([self, request](const HttpResponse& response) {
+            static_cast<TileFetcherBase*>(self.Raw())->OnTileResponse(response, request);
+        });
+    } catch (const std::exception& e) {
+        LogException(FetchFunction, e);
+        Platform::LogStackTrace();
+        dispatcher_->Post([request] { request->Complete(Data::Array::Create(0)); });
+    }
+    return TileRequest(Core::Ptr<ITileRequest>(request.Raw()));
+}
+
+void TileFetcherBase::ReadCachedTile(const Core::Ptr<TileRequestImpl>& request) {
+    try {
+        Data::Array bytes = ReadTileFile(GetCachedTilePath(request->GetZoom(), request->GetX(), request->GetY()));
+        if (!bytes.IsNull()) request->SetResult(std::move(bytes));
+    } catch (const std::exception& e) {
+        LogException("MapServices::impl::TileFetcherBase::FetchTileDataAsync::<lambda_1>::operator ()", e);
+    }
+    PostCompletion(request, false);
+}
+
+void TileFetcherBase::OnTileResponse(const HttpResponse& response, const Core::Ptr<TileRequestImpl>& request) {
+    if (!response || response.GetStatusCode() != 200 || !IsTileContentType(response.Get()->GetHeader("Content-Type"))) {
+        PostCompletion(request, true);
+        return;
+    }
+    Core::Ptr<ITileFetcher> self(this);
+    auto worker = worker_;
+    request->SetTask(worker_->Post([self, response, request, worker] {
+        static_cast<TileFetcherBase*>(self.Raw())->CopyTileResponse(response, request);
+    }));
+}
+
+void TileFetcherBase::CopyTileResponse(const HttpResponse& response, const Core::Ptr<TileRequestImpl>& request) {
+    try {
+        if (IsCacheEnabled()) SaveTile(response, *request, std::string());
+        const size_t size = response.Get()->GetBodySize();
+        Data::Array bytes = Data::Array::Create(size);
+        if (size != 0) std::memcpy(bytes.GetData(), response.Get()->GetBodyData(), size);
+        request->SetResult(std::move(bytes));
+    } catch (const std::exception& e) {
+        LogException("MapServices::impl::TileFetcherBase::FetchTileDataAsync::<lambda_2>::()::<lambda_1>::operator ()",
+                     e);
+    }
+    PostCompletion(request, false);
+}
+
+void TileFetcherBase::PostCompletion(const Core::Ptr<TileRequestImpl>& request, bool withNullArray) {
+    if (withNullArray) dispatcher_->Post([request] { request->Complete(Data::Array()); });
+    else dispatcher_->Post([request] { request->Complete(); });
+}
+
+TileRequest TileFetcherBase::FetchTileAsync(int32_t z, int32_t x, int32_t y, TileImageCallback callback) {
+    if (!IsTileValid(z, x, y)) return {};
+    return FetchTileDataAsync(z, x, y, [callback = std::move(callback)](const Data::Array& bytes) {
+        if (bytes.IsNull()) {
+            callback(nullptr);
+            return;
+        }
+        Core::Ptr<TellarImaging::IImage> image;
+        Core::Ptr<Core::IErrorCode> error;
+        CreateImageFromMemoryStream(bytes.GetData(), bytes.GetSizeInBytes(), image.ReceiveAddress(),
+                                    error.ReceiveAddress());
+        Core::ThrowIfError(error);
+        if (!dynamic_cast<TellarImaging::ITiffImage*>(image.Raw())) {
+            Core::Ptr<TellarImaging::ITiffImage> tiff;
+            ConvertImageToTiffImage(image.Raw(), tiff.ReceiveAddress(), error.ReceiveAddress());
+            Core::ThrowIfError(error);
+            image = tiff;
+        }
+        callback(image.Raw());
+    });
+}
+
+void TileFetcherBase::SaveTile(const HttpResponse& response, ITileRequest& request, const std::string& path) {
+    if (!response) return;
+    const int32_t z = request.GetZoom(), x = request.GetX(), y = request.GetY();
+    const std::string target =
+        path.empty() ? Core::StringFormat("%s/%s", GetMapTileDirPath(z).c_str(), GetTileFileName(z, x, y).c_str())
+                     : path;
+    // Readers never see a partial file: write beside it, then rename into place.
+    const std::string temporary = TemporaryNameFor(target);
+    if (!response.Get()->SaveToFile(temporary.c_str())) return;
+    std::error_code error;
+    std::filesystem::rename(temporary, target, error);
+    if (error) {
+        std::error_code ignored;
+        std::filesystem::remove(temporary, ignored);
+        Core::ThrowFileSystemError("rename", temporary, error);
+    }
+}
+
+void TileFetcherBase::FetchTileToFile(ITileRequest& request, const std::string& path) {
+    HttpRequest http = CreateTileHttpRequest(request.GetZoom(), request.GetX(), request.GetY());
+    if (http.IsNull()) return;
+    Platform::Interfaces::IHttpResponse* response = http->GetResponse(true);
+    // Only a whole exchange is worth a file, whatever its status line said.
+    if (response && http->IsCompleted() && response->GetStatusCode() == 200)
+        SaveTile(HttpResponse(response), request, path);
+}
+
+void TileFetcherBase::DownloadMap(const BoundingBoxValue& box, int32_t maxZoom, const std::string& directory,
+                                  DownloadProgress progress) {
+    const auto rows = [](const BoundingBoxValue& b, double n) { return std::pair(TileRow(b.maxY, n), TileRow(b.minY, n)); };
+    const auto columns = [](const BoundingBoxValue& b, double n) {
+        return std::pair(TileColumn(b.minX, n), TileColumn(b.maxX, n));
+    };
+    uint64_t total = 0;
+    for (int32_t z = 0; z <= maxZoom && z <= maxDownloadZoom_; ++z) {
+        const double n = std::pow(2.0, z);
+        const auto [firstRow, lastRow] = rows(box, n);
+        const auto [firstColumn, lastColumn] = columns(box, n);
+        total += static_cast<uint64_t>((lastColumn - firstColumn + 1) * (lastRow - firstRow + 1));
+    }
+
+    uint64_t current = 0;
+    bool cancel = false;
+    for (int32_t z = 0; z <= maxZoom && z <= maxDownloadZoom_; ++z) {
+        const double n = std::pow(2.0, z);
+        const auto [firstRow, lastRow] = rows(box, n);
+        const auto [firstColumn, lastColumn] = columns(box, n);
+        for (int64_t row = firstRow; row <= lastRow; ++row) {
+            for (int64_t column = firstColumn; column <= lastColumn; ++column) {
+                try {
+                    const auto x = static_cast<int32_t>(column), y = static_cast<int32_t>(row);
+                    const std::string path = GetCachedTileFilePath(directory, z, x, y);
+                    auto request = Core::MakeObject<TileRequestImpl>(z, x, y, TileDataCallback());
+                    FetchTileToFile(*request, path);
+                    if (progress) {
+                        progress(current, total, z, column, row, cancel);
+                        if (cancel) return;
+                    }
+                } catch (const std::exception& e) {
+                    LogException(DownloadFunction, e);
+                    Platform::LogStackTrace();
+                }
+                ++current;
+            }
+        }
+    }
+    if (progress) progress(total, total, 0, 0, 0, cancel);
+}
+
+void TileFetcherBase::DownloadMap(int32_t startZoom, int32_t x, int32_t y, int32_t endZoom,
+                                  const std::string& directory, DownloadProgress progress) {
+    const int32_t span = endZoom - startZoom;
+    uint64_t total = 0;
+    bool cancel = false;
+    if (progress) {
+        for (int32_t i = 0; i <= span; ++i) total += static_cast<uint64_t>(std::pow(4.0, i));
+        progress(0, total, startZoom, x, y, cancel);
+    }
+    uint64_t current = 0;
+    Core::Ptr<ITileFetcher> self(this);
+    for (int32_t i = 0; i <= span && i + span <= maxDownloadZoom_; ++i) {
+        const int64_t side = int64_t{1} << i;
+        const int64_t baseX = static_cast<int64_t>(x) * side, baseY = static_cast<int64_t>(y) * side;
+        for (int64_t r = 0; r < side; ++r) {
+            for (int64_t c = 0; c < side; ++c) {
+                const int32_t z = startZoom + i;
+                const auto tileX = static_cast<int32_t>(baseX + c), tileY = static_cast<int32_t>(baseY + r);
+                try {
+                    auto request = Core::MakeObject<TileRequestImpl>(z, tileX, tileY, TileDataCallback());
+                    GetCachedTileFilePath(directory, z, tileX, tileY);
+                    HttpRequest http = CreateTileHttpRequest(z, tileX, tileY);
+                    if (http.IsNull()) continue;
+                    http.SendHttpRequestAsync([self, request](const HttpResponse& response) {
+                        if (!response || response.GetStatusCode() != 200) return;
+                        // On the transport thread: a failed write is logged, never thrown there.
+                        try {
+                            static_cast<TileFetcherBase*>(self.Raw())->SaveTile(response, *request, std::string());
+                        } catch (const std::exception& e) {
+                            LogException(DownloadFunction, e);
+                        }
+                    });
+                    if (progress) {
+                        progress(++current, total, z, tileX, tileY, cancel);
+                        if (cancel) return;
+                    }
+                } catch (const std::exception& e) {
+                    LogException(DownloadFunction, e);
+                    Platform::LogStackTrace();
+                }
+            }
+        }
+    }
 }
 
 } // namespace MapServices::impl

@@ -14,13 +14,19 @@ void TileRequestBase::SetTask(Core::Ptr<Platform::Interfaces::IAsyncTask> task) 
     task_ = std::move(task);
 }
 
+void TileRequestBase::SetHttpRequest(Core::Ptr<Platform::Interfaces::IHttpRequest> request) {
+    std::lock_guard lock(mutex_);
+    httpRequest_ = std::move(request);
+}
+
 TileRequestBase::Stages TileRequestBase::TakeStages() {
     std::lock_guard lock(mutex_);
-    return Stages{std::move(callback_), std::move(spare_), std::move(task_)};
+    return Stages{std::move(callback_), std::move(httpRequest_), std::move(spare_), std::move(task_)};
 }
 
 void TileRequestBase::Cancel() {
     Stages stages = TakeStages();
+    if (stages.httpRequest.Raw()) stages.httpRequest->Close();
     if (stages.task.Raw()) stages.task->Cancel();
     cancelled_ = true;
     stages = Stages{};

@@ -8,11 +8,12 @@
 #include "Data/Values.h"
 #include "MapServices/Interfaces/ITileRequest.h"
 #include "Platform/Interfaces/IAsyncTask.h"
+#include "Platform/Interfaces/IHttpRequest.h"
 #include "Platform/Threading/AlertableEvent.h"
 
 namespace MapServices::impl {
 
-using TileDataCallback = std::function<void(const Data::Array&)>;
+using TileDataCallback = std::function<void(const Data::Array&)>;  // same as the fetcher's
 
 // State of one tile fetch. Its stages (caller, HTTP completion, worker, dispatcher) follow each
 // other, each holding a reference, so the fields need no lock; Cancel may run at any time.
@@ -29,6 +30,7 @@ public:
 
     // The stages' hand-overs.
     void SetTask(Core::Ptr<Platform::Interfaces::IAsyncTask> task);
+    void SetHttpRequest(Core::Ptr<Platform::Interfaces::IHttpRequest> request);
     void SetResult(Data::Array result) { result_ = std::move(result); }
     const Data::Array& GetResult() const { return result_; }
     bool IsDone() const { return done_.IsSet(); }
@@ -43,6 +45,7 @@ private:
     // Takes the callback and the stage references out under the lock.
     struct Stages {
         TileDataCallback callback;
+        Core::Ptr<Platform::Interfaces::IHttpRequest> httpRequest;
         Core::Ptr<Core::IObject> spare;
         Core::Ptr<Platform::Interfaces::IAsyncTask> task;
     };
@@ -54,6 +57,7 @@ private:
     // thread) and the stages; nothing is called under it.
     std::mutex mutex_;
     TileDataCallback callback_;
+    Core::Ptr<Platform::Interfaces::IHttpRequest> httpRequest_;
     Core::Ptr<Core::IObject> spare_;
     Core::Ptr<Platform::Interfaces::IAsyncTask> task_;
     Platform::Threading::AlertableEvent done_;

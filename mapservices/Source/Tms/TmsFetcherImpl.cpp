@@ -1,6 +1,10 @@
 #include "TmsFetcherImpl.h"
 
+#include <stdexcept>
+
 #include "Core/Fnv1a.h"
+#include "Platform/Network/Http/Headers.h"
+#include "Platform/Network/Http/HttpClient.h"
 
 namespace MapServices::Tms::impl {
 
@@ -31,5 +35,19 @@ std::string TmsFetcherImpl::BuildTilePath(int32_t z, int32_t x, int32_t y) const
 }
 
 uint64_t TmsFetcherImpl::GetCacheHash() { return Core::Fnv1a64(template_); }
+
+Platform::Network::Http::HttpRequest TmsFetcherImpl::CreateTileHttpRequest(int32_t z, int32_t x, int32_t y) {
+    const std::string path = BuildTilePath(z, x, y);
+    Core::Ptr<Platform::Interfaces::IHttpClient> client = GetHttpClient();
+    Core::Ptr<Platform::Interfaces::IAcceptTypes> accept;
+    Platform::Network::Http::CreateAcceptTypes(accept.ReceiveAddress());
+    // Any image: adds "image/*;q=0.8" and then "image/jpeg;q=0.8". Vector tiles ask the same.
+    Platform::Network::Http::AddContentType(accept.Raw(), Platform::Network::Http::ContentTypeAnyImage);
+    Platform::Network::Http::HttpRequest request;
+    if (!client->CreateRequest(path.c_str(), accept.Raw(), Platform::Network::Http::HttpMethodGet,
+                               request.ReceiveAddress()))
+        throw std::runtime_error("Request failed");
+    return request;
+}
 
 } // namespace MapServices::Tms::impl

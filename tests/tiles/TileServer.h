@@ -1,0 +1,96 @@
+#pragma once
+// A loopback tile server for the fetch tests. Paths name the behaviour:
+//   /t/{z}/{x}/{y}.png   a PNG tile (image/png)          /404/..., /500/...  that status
+//   /octet/...            bytes as application/octet-stream
+//   /mvt/...              bytes as application/vnd.mapbox-vector-tile
+//   /xml/...              text/xml                        /empty/...  an empty image/png body
+//   /slow/...             a PNG tile after 300 ms          /bad/...    bytes that are no image
+#include <httplib.h>
+
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ImageWriters.h"
+
+namespace TestSupport {
+
+inline std::string SmallPngTile() {
+    TestImages::PngLayout layout;
+    layout.width = 256;
+    layout.height = 256;
+    layout.colorType = 2;  // RGB
+    for (int row = 0; row < 256; ++row)
+        for (int column = 0; column < 256; ++column) {
+            layout.rows.push_back(static_cast<uint8_t>(row));
+            layout.rows.push_back(static_cast<uint8_t>(column));
+            layout.rows.push_back(100);
+        }
+    const TestImages::Bytes bytes = TestImages::EncodePng(layout);
+    return std::string(bytes.begin(), bytes.end());
+}
+
+class TileServer {
+public:
+    TileServer() : png_(SmallPngTile()) {
+        server_.new_task_queue = [] { return new httplib::ThreadPool(64); };
+        server_.set_keep_alive_timeout(1);
+        server_.Get(R"(/(\w+)/(\d+)/(\d+)/(\d+)\.png)", [this](const httplib::Request& req, httplib::Response& res) {
+            const std::string kind = req.matches[1];
+            {
+                std::lock_guard lock(mutex_);
+                paths_.push_back(req.path);
+            }
+            ++requests_;
+            if (kind == "slow") std::this_thread::sleep_for(std::chrono::milliseconds(300));
+            if (kind == "404" || kind == "500") {
+                res.status = std::stoi(kind);
+                res.set_content("no tile", "text/html");
+            } else if (kind == "octet") {
+                res.set_content(req.path, "application/octet-stream");
+            } else if (kind == "mvt") {
+                res.set_content(req.path, "application/vnd.mapbox-vector-tile");
+            } else if (kind == "xml") {
+                res.set_content("<error/>", "text/xml");
+            } else if (kind == "empty") {
+                res.set_content("", "image/png");
+            } else if (kind == "bad") {
+                res.set_content("not an image at all", "image/png");
+            } else {
+                res.set_content(png_, "image/png");
+            }
+        });
+        port_ = server_.bind_to_any_port("127.0.0.1");
+        thread_ = std::thread([this] { server_.listen_after_bind(); });
+        for (int i = 0; i < 2000 && !server_.is_running(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    ~TileServer() {
+        server_.stop();
+        thread_.join();
+    }
+
+    std::string Template(const std::string& kind) const {
+        return "http://127.0.0.1:" + std::to_string(port_) + "/" + kind + "/{z}/{x}/{y}.png";
+    }
+    int Requests() const { return requests_.load(); }
+    std::vector<std::string> Paths() {
+        std::lock_guard lock(mutex_);
+        return paths_;
+    }
+    const std::string& Png() const { return png_; }
+
+private:
+    httplib::Server server_;
+    std::thread thread_;
+    int port_ = 0;
+    std::string png_;
+    std::atomic<int> requests_{0};
+    std::mutex mutex_;
+    std::vector<std::string> paths_;
+};
+
+} // namespace TestSupport
