@@ -511,6 +511,8 @@ TEST_F(HttpClientTest, InMemoryUploads) {
 }
 
 TEST_F(HttpClientTest, ThousandsInFlightNothingLost) {
+    TestSupport::ScopedRecordingLogger logger;
+    logger->level = Platform::LogError;
     auto client = Http::CreateHttpClient(server.Base().c_str(), "Test/1.0", 0);
     constexpr int count = 3000;
     std::vector<Ptr<IAsyncTask>> tasks;
@@ -529,6 +531,8 @@ TEST_F(HttpClientTest, ThousandsInFlightNothingLost) {
         if (response && response->GetStatusCode() == 200 && response->GetBodySize() == 11) ++ok;
     }
     EXPECT_EQ(ok, count);
+    if (ok != count)
+        for (const auto& line : logger->Lines()) ADD_FAILURE() << line.text;
 }
 
 } // namespace

@@ -112,7 +112,15 @@ public:
         server_.Put("/upload", upload);
         server_.Patch("/upload", upload);
         server_.Delete("/upload", upload);
+        // The library listens with a backlog of 5; bursts of connections would then stall in
+        // SYN retries, so the listening socket gets a deep backlog once bound.
+        server_.set_socket_options([this](int fd) {
+            int one = 1;
+            ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+            listener_ = fd;
+        });
         port_ = server_.bind_to_any_port("127.0.0.1");
+        ::listen(listener_, 4096);
         thread_ = std::thread([this] { server_.listen_after_bind(); });
         for (int i = 0; i < 2000 && !server_.is_running(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
@@ -133,6 +141,7 @@ public:
 
 private:
     httplib::Server server_;
+    int listener_ = -1;
     int port_ = 0;
     std::thread thread_;
 };

@@ -80,16 +80,19 @@ void HttpRequestImpl::SetBody(const void* data, size_t size) {
 
 bool HttpRequestImpl::Send() {
     if (state_.load() != StateIdle) return false;
-    if (!SendRequestInternal()) return false;
+    if (!SendRequestInternal(StateResponse)) return false;
     state_.store(StateResponse);
     return true;
 }
 
-bool HttpRequestImpl::SendRequestInternal() {
+bool HttpRequestImpl::SendRequestInternal(uint32_t next) {
     ObjectLock lock(*this);
     const Transport::Handle handle = handle_.load();
     if (completed_.load() || handle == nullptr || closed_.load()) return false;
     AddReference(); // the transport's reference, given back on handle closing
+    // The state is in place before the transport has the request: its events may come before
+    // this call returns, and one that found the request idle would leave it without a response.
+    const uint32_t previous = state_.exchange(next);
     bool ok = false;
     switch (method_) {
     case 0:
@@ -105,11 +108,13 @@ bool HttpRequestImpl::SendRequestInternal() {
         break;
     }
     default:
+        state_.store(previous);
         Release();
         return false;
     }
     sent_.store(ok);
     if (ok) return true;
+    state_.store(previous);
     const uint32_t error = Transport::GetLastError();
     LogMessage(LogError, "Platform::Windows::Network::Http::HttpRequestImpl::SendRequestInternal", kFile, __LINE__,
                Core::StringFormat("WinHttpSendRequest failed (%d) %s", static_cast<int>(error),
@@ -147,7 +152,7 @@ IHttpResponse* HttpRequestImpl::GetResponse(bool wait) {
     if (IsCompleted()) return response_.Raw();
     if (!wait) return nullptr;
     if (!sent_.load()) {
-        if (!SendRequestInternal()) {
+        if (!SendRequestInternal(StateResponse)) {
             Close();
             return nullptr;
         }
@@ -165,7 +170,7 @@ void HttpRequestImpl::WaitForResponse() {
         return;
     }
     if (!sent_.load()) {
-        if (!SendRequestInternal()) {
+        if (!SendRequestInternal(StateResponse)) {
             Close();
             return;
         }
@@ -193,7 +198,7 @@ bool HttpRequestImpl::GetResponseAsync(IAsyncTask** ppTask) {
     SetUserObject(task.Raw());
     SetCompletionCallback([](IHttpRequest* request, IHttpResponse* response) { OnTaskResponse(request, response); });
     task->SetState(AsyncTaskQueued);
-    if (!SendRequestInternal()) return false;
+    if (!SendRequestInternal(StateResponse)) return false;
     state_.store(StateResponse);
     *ppTask = task.Detach();
     return true;
@@ -216,7 +221,7 @@ bool HttpRequestImpl::_abi_GetResponseStreamAsync(IAsyncTask** ppTask, Core::IEr
                 headersCallback_ = [](IHttpRequest* request, Core::IObject* stream) { OnTaskResponse(request, stream); };
             }
             task->SetState(AsyncTaskQueued);
-            if (SendRequestInternal()) {
+            if (SendRequestInternal(StateStream)) {
                 state_.store(StateStream);
                 *ppTask = task.Detach();
             }

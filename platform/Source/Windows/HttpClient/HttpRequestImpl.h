@@ -73,7 +73,8 @@ public:
     uint32_t State() const { return state_.load(); }
 
 private:
-    bool SendRequestInternal();
+    // `next` is the state the request is in once the transport has it (see the note in Send).
+    bool SendRequestInternal(uint32_t next);
     void ReadData();
     // Closes the transport handle if it is still open; the object lock is held.
     bool CloseHandleLocked();

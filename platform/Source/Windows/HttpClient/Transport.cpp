@@ -176,6 +176,7 @@ struct RequestState final : HandleBase {
     bool transferDone = false;
     uint32_t transferError = 0;
     bool errorDelivered = false;
+    bool endDelivered = false; // a read completed with 0 bytes
     bool closeProcessed = false;
     bool sendCompleteDelivered = false;
     bool receiveRequested = false;
@@ -498,6 +499,7 @@ void Engine::Finish(RequestState& request, uint32_t error) {
     if (error == 0) {
         if (request.readPending && request.Buffered() == 0) {
             request.readPending = false;
+            request.endDelivered = true;
             Push(request, StatusReadComplete, request.readBuffer, 0);
         }
         return;
@@ -882,9 +884,10 @@ void Engine::Read(RequestState& request, void* buffer, uint32_t size) {
         return;
     }
     if (request.transferDone) {
-        if (request.transferError == 0)
+        if (request.transferError == 0) {
+            request.endDelivered = true;
             Push(request, StatusReadComplete, buffer, 0);
-        else
+        } else
             DeliverError(request, ApiReadData);
         return;
     }
@@ -932,7 +935,9 @@ void Engine::Close(HandleBase& handle, StatusCallback callback) {
     auto& request = static_cast<RequestState&>(handle);
     if (request.closeProcessed) return;
     request.closeProcessed = true;
-    const bool inFlight = request.started && !request.transferDone;
+    // In flight until its user has seen the end of the body or a failure: closing it before
+    // that cancels, which also wakes whoever still waits for the end.
+    const bool inFlight = request.started && !request.endDelivered && !request.errorDelivered;
     const uint32_t api = Api(request);
     Detach(request);
     request.transferDone = true;
