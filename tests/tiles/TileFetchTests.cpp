@@ -256,8 +256,14 @@ TEST_F(TileFetchTest, PyramidDownloadFollowsItsLevelRule) {
                 << "tiles land in the fetcher's own cache";
         }
     }
-    // Without progress the tiles are fetched all the same; cancel stops at once.
+    // Span above the real limit of 20: the first progress call, then nothing.
     auto fetcher = Core::MakeObject<LimitedFetcher>(server.Template("t"), 20);
+    int first = 0;
+    fetcher->DownloadMap(0, 0, 0, 21, cacheDir.Path().string(),
+                         [&](uint64_t, uint64_t, int32_t, int64_t, int64_t, bool&) { ++first; });
+    EXPECT_EQ(first, 1);
+
+    // Without progress the tiles are fetched all the same; cancel stops at once.
     fetcher->SetCacheEnabled(false);
     const int before = server.Requests();
     fetcher->DownloadMap(6, 0, 0, 7, cacheDir.Path().string(), {});
