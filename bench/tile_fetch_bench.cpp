@@ -1,0 +1,240 @@
+// Fetches all 4,096 tiles of zoom 6 through FetchTileDataAsync of a TMS fetcher from a loopback
+// nginx, first with an empty cache (every tile from the network, written to the cache), then again
+// with the same fetcher (every tile from the cache, with no request reaching nginx), and compares
+// with curl's parallel mode on the same URLs. All rates are tiles per second of wall time.
+// Usage: tile_fetch_bench   (no arguments). Starts and stops its own nginx.
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Core/Ptr.h"
+#include "Data/Values.h"
+#include "LoopbackNginx.h"
+#include "MapServices/TileRequest.h"
+#include "Platform/Threading/AlertableEvent.h"
+#include "Platform/Threading/ThreadHelpers.h"
+#include "Tms/TmsFetcherImpl.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using MapServices::Tms::impl::TmsFetcherImpl;
+namespace ThreadHelpers = Platform::Windows::Threading::ThreadHelpers;
+
+constexpr int32_t Zoom = 6;
+constexpr int32_t Side = 1 << Zoom; // 64 columns and 64 rows
+constexpr int32_t TileCount = Side * Side;
+
+int32_t Index(int32_t x, int32_t y) { return y * Side + x; }
+
+// The body of one tile: the PNG signature and an IHDR chunk in front of filler bytes, between
+// 2 and 6 KiB, different for every tile.
+std::string TileBody(int32_t x, int32_t y) {
+    static const unsigned char head[] = {0x89, 'P',  'N',  'G',  0x0D, 0x0A, 0x1A, 0x0A, 0x00, 0x00,
+                                         0x00, 0x0D, 'I',  'H',  'D',  'R',  0x00, 0x00, 0x01, 0x00,
+                                         0x00, 0x00, 0x01, 0x00, 0x08, 0x06, 0x00, 0x00, 0x00};
+    const int32_t index = Index(x, y);
+    const size_t size = 2048 + static_cast<size_t>((index * 797) % 4096);
+    std::string body(reinterpret_cast<const char*>(head), sizeof head);
+    uint64_t state = 0x9E3779B97F4A7C15ull ^ static_cast<uint64_t>(index + 1);
+    while (body.size() < size) {
+        state ^= state << 13;
+        state ^= state >> 7;
+        state ^= state << 17;
+        body.push_back(static_cast<char>(state & 0xFF));
+    }
+    return body;
+}
+
+// Writes every tile as root/6/x/y.png and keeps the bodies for checking what arrives.
+std::vector<std::string> WriteTiles(const std::filesystem::path& root) {
+    std::vector<std::string> bodies(TileCount);
+    for (int32_t x = 0; x < Side; ++x) {
+        const std::filesystem::path column = root / std::to_string(Zoom) / std::to_string(x);
+        std::filesystem::create_directories(column);
+        for (int32_t y = 0; y < Side; ++y) {
+            std::string& body = bodies[static_cast<size_t>(Index(x, y))];
+            body = TileBody(x, y);
+            std::ofstream(column / (std::to_string(y) + ".png"), std::ios::binary)
+                .write(body.data(), static_cast<std::streamsize>(body.size()));
+        }
+    }
+    return bodies;
+}
+
+// How one pass over the pyramid went.
+struct Pass {
+    double seconds = 0;
+    int32_t refused = 0; // null handles from FetchTileDataAsync
+    int32_t arrived = 0; // callbacks that ran
+    int32_t exact = 0;   // callbacks that got the tile's own bytes
+    bool stalled = false;
+};
+
+// Asks for every tile of the first `rows` rows of the zoom level at once, then waits alertably on
+// this thread, the one that made the fetcher, so that the callbacks can run here, until the last
+// one has come. After 30 s without progress the requests are cancelled, so that no late callback
+// finds this frame gone.
+Pass FetchAll(TmsFetcherImpl& fetcher, const std::vector<std::string>& bodies, int32_t rows = Side) {
+    Pass pass;
+    Platform::Threading::AlertableEvent done;
+    int32_t expected = rows * Side;
+    std::vector<MapServices::TileRequest> requests;
+    requests.reserve(static_cast<size_t>(expected));
+    const auto start = Clock::now();
+    for (int32_t y = 0; y < rows; ++y) {
+        for (int32_t x = 0; x < Side; ++x) {
+            const std::string& body = bodies[static_cast<size_t>(Index(x, y))];
+            requests.push_back(
+                fetcher.FetchTileDataAsync(Zoom, x, y, [&pass, &done, &expected, &body](const Data::Array& data) {
+                    ++pass.arrived;
+                    if (!data.IsNull() && data.GetSizeInBytes() == body.size() &&
+                        std::memcmp(data.GetData(), body.data(), body.size()) == 0)
+                        ++pass.exact;
+                    if (pass.arrived == expected) done.Set();
+                }));
+            if (requests.back().IsNull()) {
+                ++pass.refused;
+                --expected;
+            }
+        }
+    }
+    if (expected == 0) done.Set();
+    while (!done.IsSet()) {
+        if (!ThreadHelpers::WaitForSingleObject(done, 30000, true, true)) {
+            pass.stalled = true;
+            for (MapServices::TileRequest& request : requests)
+                if (!request.IsNull()) request->Cancel();
+            break;
+        }
+    }
+    pass.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    return pass;
+}
+
+bool Report(const char* name, const Pass& pass, int32_t tiles = TileCount) {
+    const bool good = !pass.stalled && pass.refused == 0 && pass.exact == tiles;
+    if (!good)
+        std::fprintf(stderr, "%s: %d refused, %d callbacks, %d with the right bytes%s\n", name, pass.refused,
+                     pass.arrived, pass.exact, pass.stalled ? ", stalled for 30 s" : "");
+    return good;
+}
+
+int32_t CachedFiles(const std::filesystem::path& root) {
+    int32_t files = 0;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(root))
+        if (entry.is_regular_file() && entry.path().extension() == ".png") ++files;
+    return files;
+}
+
+// Requests nginx logged so far. nginx writes the line once a response is finished, which can be a
+// moment after the client already has all of it, so wait briefly for `atLeast`.
+std::pair<int32_t, int32_t> Logged(const Bench::LoopbackNginx& nginx, int32_t atLeast) {
+    auto logged = nginx.LoggedRequests();
+    for (int32_t i = 0; i < 100 && logged.first < atLeast; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        logged = nginx.LoggedRequests();
+    }
+    return logged;
+}
+
+} // namespace
+
+int main() {
+    char pattern[] = "/tmp/tile_fetch_bench.XXXXXX";
+    if (!::mkdtemp(pattern)) {
+        std::perror("mkdtemp");
+        return 1;
+    }
+    const std::filesystem::path dir = pattern;
+    const std::filesystem::path documents = dir / "www";
+    const std::filesystem::path cache = dir / "cache";
+    std::filesystem::create_directories(cache);
+    const std::vector<std::string> bodies = WriteTiles(documents);
+
+    Bench::LoopbackNginx nginx(dir,
+                               "    root " + documents.string() +
+                                   ";\n    types { image/png png; }\n    default_type application/octet-stream;",
+                               true);
+    if (!nginx.Start()) {
+        std::fprintf(stderr, "nginx could not start\n");
+        std::filesystem::remove_all(dir);
+        return 1;
+    }
+    const std::string urlTemplate = nginx.Base() + "/{z}/{x}/{y}.png";
+    bool good = true;
+
+    // Starts the transport and the shared worker thread, which outlive any one fetcher, and opens
+    // the first connections: one row of tiles, cache off.
+    {
+        auto warmUp = Core::MakeObject<TmsFetcherImpl>(urlTemplate, 0);
+        warmUp->SetCacheEnabled(false);
+        good = Report("warm-up", FetchAll(*warmUp, bodies, 1), Side) && good;
+    }
+    const int32_t before = Logged(nginx, Side).first;
+
+    auto fetcher = Core::MakeObject<TmsFetcherImpl>(urlTemplate, 0);
+    fetcher->SetCacheEnabled(true);
+    fetcher->SetCacheRoot(cache.string());
+
+    const Pass cold = FetchAll(*fetcher, bodies);
+    good = Report("cold", cold) && good;
+    const auto afterCold = Logged(nginx, before + TileCount);
+    const int32_t cached = CachedFiles(cache);
+    if (afterCold.first - before != TileCount || cached != TileCount) {
+        std::fprintf(stderr, "cold: nginx logged %d requests, the cache holds %d files; %d expected\n",
+                     afterCold.first - before, cached, TileCount);
+        good = false;
+    }
+
+    const Pass warm = FetchAll(*fetcher, bodies);
+    good = Report("warm", warm) && good;
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    const int32_t duringWarm = nginx.LoggedRequests().first - afterCold.first;
+    if (duringWarm != 0) {
+        std::fprintf(stderr, "warm: nginx served %d requests, none expected\n", duringWarm);
+        good = false;
+    }
+    fetcher.Reset();
+
+    std::vector<std::string> urls;
+    urls.reserve(TileCount);
+    for (int32_t y = 0; y < Side; ++y)
+        for (int32_t x = 0; x < Side; ++x)
+            urls.push_back(nginx.Base() + "/" + std::to_string(Zoom) + "/" + std::to_string(x) + "/" +
+                           std::to_string(y) + ".png");
+    const Bench::CurlRun curl = Bench::CurlParallel(urls, dir / "urls.cfg");
+    const auto afterCurl = Logged(nginx, afterCold.first + TileCount);
+    if (!curl.ok || afterCurl.first - afterCold.first != TileCount ||
+        afterCurl.second - afterCold.second != TileCount) {
+        std::fprintf(stderr, "curl: exit status %d, nginx logged %d requests, %d of them 200; %d expected\n",
+                     curl.status, afterCurl.first - afterCold.first, afterCurl.second - afterCold.second, TileCount);
+        good = false;
+    }
+
+    const auto rate = [](double seconds) { return seconds > 0 ? TileCount / seconds : 0.0; };
+    std::printf("tiles: %d (zoom %d, %d x %d), %.1f MiB\n", TileCount, Zoom, Side, Side, [&] {
+        double bytes = 0;
+        for (const std::string& body : bodies) bytes += static_cast<double>(body.size());
+        return bytes / (1024.0 * 1024.0);
+    }());
+    std::printf("cold  FetchTileDataAsync, network to cache:  %8.0f tiles/s  (%.3f s)\n", rate(cold.seconds),
+                cold.seconds);
+    std::printf("warm  FetchTileDataAsync, from the cache:    %8.0f tiles/s  (%.3f s)\n", rate(warm.seconds),
+                warm.seconds);
+    std::printf("curl  --parallel --parallel-max 64:          %8.0f tiles/s  (%.3f s)\n", rate(curl.seconds),
+                curl.seconds);
+    std::printf("checks: %s\n",
+                good ? "all tiles arrived intact, the warm pass asked nginx nothing" : "FAILED, see above");
+
+    nginx.Stop();
+    std::filesystem::remove_all(dir);
+    return good ? 0 : 1;
+}
