@@ -375,6 +375,10 @@ void TileFetcherBase::SaveTile(const HttpResponse& response, ITileRequest& reque
     const std::string target =
         path.empty() ? Core::StringFormat("%s/%s", GetMapTileDirPath(z).c_str(), GetTileFileName(z, x, y).c_str())
                      : path;
+    WriteResponseFile(response, target);
+}
+
+void TileFetcherBase::WriteResponseFile(const HttpResponse& response, const std::string& target) {
     // Readers never see a partial file: write beside it, then rename into place.
     const std::string temporary = TemporaryNameFor(target);
     if (!response.Get()->SaveToFile(temporary.c_str())) return;

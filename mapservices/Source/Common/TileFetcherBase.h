@@ -89,6 +89,10 @@ protected:
     // Splits scheme://host:port/path into the host, port, path, secure flag and service URL.
     void SetServerUrl(const std::string& url);
 
+    // Writes a complete response body to `target` through a temporary file beside it, renamed
+    // into place; an empty body makes no file.
+    static void WriteResponseFile(const Platform::Network::Http::HttpResponse& response, const std::string& target);
+
     // Fields in the order they are made; they go in the reverse order: strings first, then the
     // client, the worker and the dispatcher.
     Core::Ptr<Platform::Threading::impl::ThreadDispatcher> dispatcher_;

@@ -1,0 +1,84 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "Common/ServiceTileFetcherBase.h"
+#include "TempDir.h"
+#include "TileServer.h"
+#include "Tms/TmsFetcherImpl.h"
+
+using MapServices::impl::ServiceDataRequestHandler;
+using MapServices::impl::ServiceImageRequestHandler;
+
+namespace {
+
+class BoxRequest final : public Core::ObjectImplBase<MapServices::Interfaces::IServiceRequest> {
+public:
+    explicit BoxRequest(uint64_t hash) : hash_(hash) {}
+    MapServices::BoundingBoxValue GetBoundingBox() override { return {0, 0, 1, 1}; }
+    uint64_t GetRequestHash() override { return hash_; }
+
+private:
+    uint64_t hash_;
+};
+
+// The smallest service fetcher: a fixed identity, and no requests of its own.
+class ServiceFetcher final : public Core::ObjectImplBase<MapServices::impl::ServiceTileFetcherBase> {
+public:
+    explicit ServiceFetcher(const std::string& root) {
+        cacheRoot_ = root;
+        cacheFolder_ = "WmsCache";
+    }
+    uint64_t GetCacheHash() override { return 0xABCDEF0012345678ULL; }
+    Platform::Network::Http::HttpRequest CreateTileHttpRequest(int32_t, int32_t, int32_t) override { return {}; }
+    Platform::Network::Http::HttpRequest CreateServiceHttpRequest(const ServiceImageRequestHandler&) override {
+        return {};
+    }
+    bool IsRequestInBounds(const Core::Ptr<MapServices::Interfaces::IServiceRequest>&) override { return false; }
+};
+
+} // namespace
+
+TEST(ServiceCache, RequestFilesSitInTheIdentityDirectory) {
+    TestSupport::TempDir dir;
+    auto fetcher = Core::MakeObject<ServiceFetcher>(dir.Path().string());
+    EXPECT_EQ(fetcher->GetResponseFormat(), "image/png");
+    EXPECT_EQ(fetcher->GetCoordinateSystem(), "CRS:84");
+    const std::string identity = dir.Path().string() + "/WmsCache/" + std::to_string(0x12345678u);
+    EXPECT_EQ(fetcher->GetDirPath(), identity);
+    EXPECT_TRUE(std::filesystem::is_directory(identity));
+
+    ServiceDataRequestHandler handler{Core::MakeObject<BoxRequest>(1311768467463790320ULL), {}};
+    EXPECT_EQ(fetcher->GetServiceFilePath(handler), identity + "/1311768467463790320.png");
+}
+
+TEST(ServiceCache, SavesCompleteBodiesOnly) {
+    TestSupport::TileServer server;
+    TestSupport::TempDir dir;
+    auto fetcher = Core::MakeObject<ServiceFetcher>(dir.Path().string());
+    ServiceImageRequestHandler handler{Core::MakeObject<BoxRequest>(7), {}};
+
+    // A real response to save, fetched through a tile fetcher's client.
+    auto source = Core::MakeObject<MapServices::Tms::impl::TmsFetcherImpl>(server.Template("octet"), 0);
+    auto request = source->CreateTileHttpRequest(1, 0, 1);
+    Platform::Network::Http::HttpResponse response(request->GetResponse(true));
+    ASSERT_TRUE(response);
+
+    fetcher->SaveServiceResponse(response, handler, std::string());
+    std::ifstream in(fetcher->GetServiceFilePath(handler), std::ios::binary);
+    EXPECT_EQ(std::string((std::istreambuf_iterator<char>(in)), {}), "/octet/1/0/1.png");
+
+    const std::string elsewhere = dir.File("given.bin");
+    fetcher->SaveServiceResponse(response, handler, elsewhere);
+    EXPECT_TRUE(std::filesystem::exists(elsewhere));
+    fetcher->SaveServiceResponse(Platform::Network::Http::HttpResponse(), handler, dir.File("none.bin"));
+    EXPECT_FALSE(std::filesystem::exists(dir.File("none.bin"))) << "no response, no file";
+
+    auto empty = Core::MakeObject<MapServices::Tms::impl::TmsFetcherImpl>(server.Template("empty"), 0);
+    auto emptyRequest = empty->CreateTileHttpRequest(1, 0, 1);
+    fetcher->SaveServiceResponse(Platform::Network::Http::HttpResponse(emptyRequest->GetResponse(true)), handler,
+                                 dir.File("empty.bin"));
+    EXPECT_FALSE(std::filesystem::exists(dir.File("empty.bin"))) << "an empty body makes no file";
+}
