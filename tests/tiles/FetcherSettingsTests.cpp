@@ -52,7 +52,7 @@ TEST(TmsFetcher, SplitsServiceUrls) {
     };
     for (const auto& c : cases) {
         auto fetcherObject = Core::MakeObject<TmsFetcherImpl>(c.url, 0);
-    auto& fetcher = *fetcherObject;
+        auto& fetcher = *fetcherObject;
         EXPECT_EQ(fetcher.GetHost(), c.host) << c.url;
         EXPECT_EQ(fetcher.GetPort(), c.port) << c.url;
         EXPECT_EQ(fetcher.IsSecure(), c.secure) << c.url;
@@ -60,7 +60,8 @@ TEST(TmsFetcher, SplitsServiceUrls) {
         EXPECT_EQ(fetcher.GetPath(), c.path) << c.url;
     }
     EXPECT_EQ(MessageOf([] { Core::MakeObject<TmsFetcherImpl>("http://h:port/x", 0); }), "invalid stoi argument");
-    EXPECT_EQ(MessageOf([] { Core::MakeObject<TmsFetcherImpl>("http://h:99999999999/x", 0); }), "stoi argument out of range");
+    EXPECT_EQ(MessageOf([] { Core::MakeObject<TmsFetcherImpl>("http://h:99999999999/x", 0); }),
+              "stoi argument out of range");
     EXPECT_EQ(MessageOf([] { Core::MakeObject<TmsFetcherImpl>("http://h:/x", 0); }), "invalid stoi argument");
 }
 
@@ -79,8 +80,10 @@ TEST(TmsFetcher, TemplateFormatAndDefaults) {
     auto& vector = *vectorObject;
     EXPECT_EQ(vector.GetTileFormat(), 1);
     EXPECT_EQ(vector.GetFileExtension(), ".pbf");
-    EXPECT_EQ(Core::MakeObject<TmsFetcherImpl>("http://h/{z}/{x}/{y}.PBF", 1)->GetFileExtension(), ".pbf") << "asked for vector";
-    EXPECT_EQ(Core::MakeObject<TmsFetcherImpl>("http://h/{z}/{x}/{y}.PBF", 0)->GetTileFormat(), 0) << "the mark is case-sensitive";
+    EXPECT_EQ(Core::MakeObject<TmsFetcherImpl>("http://h/{z}/{x}/{y}.PBF", 1)->GetFileExtension(), ".pbf")
+        << "asked for vector";
+    EXPECT_EQ(Core::MakeObject<TmsFetcherImpl>("http://h/{z}/{x}/{y}.PBF", 0)->GetTileFormat(), 0)
+        << "the mark is case-sensitive";
 
     auto repeatedObject = Core::MakeObject<TmsFetcherImpl>("http://h/{x}/{x}-{y}/{Z}", 0);
     auto& repeated = *repeatedObject;

@@ -2,9 +2,9 @@
 
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <filesystem>
 #include <fstream>
-#include <cmath>
 #include <map>
 #include <string>
 #include <thread>
@@ -14,8 +14,8 @@
 #include "TellarImaging/IImage.h"
 #include "TempDir.h"
 #include "TileServer.h"
-#include "Wait.h"
 #include "Tms/TmsFetcherImpl.h"
+#include "Wait.h"
 
 using MapServices::TileRequest;
 using MapServices::Tms::impl::TmsFetcherImpl;
@@ -107,7 +107,7 @@ TEST_F(TileFetchTest, MissWritesTheCacheThenHitsWithoutTheServerOnTheDispatcherT
 }
 
 TEST_F(TileFetchTest, StatusAndContentTypeDecideBetweenBytesAndNull) {
-    const std::map<std::string, bool> kinds = {{"404", true},  {"500", true},    {"xml", true},
+    const std::map<std::string, bool> kinds = {{"404", true},    {"500", true},  {"xml", true},
                                                {"octet", false}, {"mvt", false}, {"t", false}};
     for (const auto& [kind, expectNull] : kinds) {
         auto fetcher = Fetcher(kind, false);
@@ -229,9 +229,9 @@ TEST_F(TileFetchTest, PyramidDownloadFollowsItsLevelRule) {
         int32_t startZoom, endZoom, limit;
         int expectedTiles;
     } cases[] = {
-        {5, 5, 20, 1},   // span 0: the tile itself
-        {2, 4, 3, 5},    // span 2 with limit 3: levels 0 and 1 only (the level plus the span)
-        {0, 4, 3, 0},    // span above the limit: nothing after the first progress call
+        {5, 5, 20, 1}, // span 0: the tile itself
+        {2, 4, 3, 5},  // span 2 with limit 3: levels 0 and 1 only (the level plus the span)
+        {0, 4, 3, 0},  // span above the limit: nothing after the first progress call
     };
     for (const auto& c : cases) {
         TestSupport::TempDir target;
@@ -251,9 +251,9 @@ TEST_F(TileFetchTest, PyramidDownloadFollowsItsLevelRule) {
         ASSERT_TRUE(TestSupport::WaitUntil([&] { return server.Requests() == before + c.expectedTiles; }));
         if (c.expectedTiles > 0) {
             EXPECT_TRUE(std::filesystem::is_directory(target.Path() / std::to_string(c.startZoom)));
-            ASSERT_TRUE(TestSupport::WaitUntil(
-                [&] { return std::filesystem::exists(fetcher->GetCachedTilePath(c.startZoom, 1, 1)); }))
-                << "tiles land in the fetcher's own cache";
+            ASSERT_TRUE(TestSupport::WaitUntil([&] {
+                return std::filesystem::exists(fetcher->GetCachedTilePath(c.startZoom, 1, 1));
+            })) << "tiles land in the fetcher's own cache";
         }
     }
     // Span above the real limit of 20: the first progress call, then nothing.

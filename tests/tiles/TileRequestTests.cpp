@@ -64,7 +64,8 @@ TEST(TileRequest, CompletionWithoutResultGivesTheInitialEmptyArray) {
     EXPECT_EQ(seen.GetSizeInBytes(), 0u);
 
     bool nullSeen = false;
-    auto failed = Core::MakeObject<TileRequestImpl>(1, 1, 1, [&](const Data::Array& bytes) { nullSeen = bytes.IsNull(); });
+    auto failed =
+        Core::MakeObject<TileRequestImpl>(1, 1, 1, [&](const Data::Array& bytes) { nullSeen = bytes.IsNull(); });
     failed->Complete(Data::Array());
     EXPECT_TRUE(nullSeen);
 }

@@ -23,7 +23,7 @@ inline std::string SmallPngTile() {
     TestImages::PngLayout layout;
     layout.width = 256;
     layout.height = 256;
-    layout.colorType = 2;  // RGB
+    layout.colorType = 2; // RGB
     for (int row = 0; row < 256; ++row)
         for (int column = 0; column < 256; ++column) {
             layout.rows.push_back(static_cast<uint8_t>(row));
@@ -66,7 +66,8 @@ public:
         });
         port_ = server_.bind_to_any_port("127.0.0.1");
         thread_ = std::thread([this] { server_.listen_after_bind(); });
-        for (int i = 0; i < 2000 && !server_.is_running(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        for (int i = 0; i < 2000 && !server_.is_running(); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     ~TileServer() {
         server_.stop();

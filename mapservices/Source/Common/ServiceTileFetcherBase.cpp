@@ -5,9 +5,9 @@
 namespace MapServices::impl {
 
 std::string ServiceTileFetcherBase::GetDirPath() {
-    return MakeCacheDirectory(Core::StringFormat("%s/%s/%u", cacheRoot_.c_str(), cacheFolder_.c_str(),
-                                                 static_cast<uint32_t>(GetCacheHash())),
-                              "MapServices::impl::ServiceTileFetcherBase::GetDirPath");
+    return MakeCacheDirectory(
+        Core::StringFormat("%s/%s/%u", cacheRoot_.c_str(), cacheFolder_.c_str(), static_cast<uint32_t>(GetCacheHash())),
+        "MapServices::impl::ServiceTileFetcherBase::GetDirPath");
 }
 
 std::string ServiceTileFetcherBase::ServiceFilePath(uint64_t requestHash) {

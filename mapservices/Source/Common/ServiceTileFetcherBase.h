@@ -24,7 +24,8 @@ struct ServiceDataRequestHandler {
 class ServiceTileFetcherBase : public TileFetcherBase {
 public:
     // Built and not yet sent; the URL comes from the handler's request.
-    virtual Platform::Network::Http::HttpRequest CreateServiceHttpRequest(const ServiceImageRequestHandler& handler) = 0;
+    virtual Platform::Network::Http::HttpRequest CreateServiceHttpRequest(
+        const ServiceImageRequestHandler& handler) = 0;
     virtual bool IsRequestInBounds(const Core::Ptr<Interfaces::IServiceRequest>& request) = 0;
 
     // The fetcher's directory, made when missing.

@@ -5,8 +5,8 @@
 
 #include <atomic>
 #include <cctype>
-#include <cstring>
 #include <cmath>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
@@ -287,9 +287,8 @@ TileRequest TileFetcherBase::FetchTileDataAsync(int32_t z, int32_t x, int32_t y,
     Core::Ptr<ITileFetcher> self(this);
     try {
         if (IsCacheEnabled() && PathExists(GetCachedTilePath(z, x, y))) {
-            request->SetTask(worker_->Post([self, request] {
-                static_cast<TileFetcherBase*>(self.Raw())->ReadCachedTile(request);
-            }));
+            request->SetTask(
+                worker_->Post([self, request] { static_cast<TileFetcherBase*>(self.Raw())->ReadCachedTile(request); }));
             return TileRequest(Core::Ptr<ITileRequest>(request.Raw()));
         }
         HttpRequest http = CreateTileHttpRequest(z, x, y);
@@ -343,8 +342,10 @@ void TileFetcherBase::CopyTileResponse(const HttpResponse& response, const Core:
 }
 
 void TileFetcherBase::PostCompletion(const Core::Ptr<TileRequestImpl>& request, bool withNullArray) {
-    if (withNullArray) dispatcher_->Post([request] { request->Complete(Data::Array()); });
-    else dispatcher_->Post([request] { request->Complete(); });
+    if (withNullArray)
+        dispatcher_->Post([request] { request->Complete(Data::Array()); });
+    else
+        dispatcher_->Post([request] { request->Complete(); });
 }
 
 TileRequest TileFetcherBase::FetchTileAsync(int32_t z, int32_t x, int32_t y, TileImageCallback callback) {
@@ -402,7 +403,9 @@ void TileFetcherBase::FetchTileToFile(ITileRequest& request, const std::string& 
 
 void TileFetcherBase::DownloadMap(const BoundingBoxValue& box, int32_t maxZoom, const std::string& directory,
                                   DownloadProgress progress) {
-    const auto rows = [](const BoundingBoxValue& b, double n) { return std::pair(TileRow(b.maxY, n), TileRow(b.minY, n)); };
+    const auto rows = [](const BoundingBoxValue& b, double n) {
+        return std::pair(TileRow(b.maxY, n), TileRow(b.minY, n));
+    };
     const auto columns = [](const BoundingBoxValue& b, double n) {
         return std::pair(TileColumn(b.minX, n), TileColumn(b.maxX, n));
     };

@@ -33,12 +33,10 @@ void TileRequestBase::Cancel() {
     done_.Set();
 }
 
-bool TileRequestBase::Wait() {
-    return ThreadHelpers::WaitForSingleObject(done_, ThreadHelpers::Infinite, true, true);
-}
+bool TileRequestBase::Wait() { return ThreadHelpers::WaitForSingleObject(done_, ThreadHelpers::Infinite, true, true); }
 
 void TileRequestBase::Complete(const Data::Array& result) {
-    const Data::Array bytes = result;  // the result field may be replaced while the callback runs
+    const Data::Array bytes = result; // the result field may be replaced while the callback runs
     TileDataCallback callback;
     {
         Stages stages = TakeStages();

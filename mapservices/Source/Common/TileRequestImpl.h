@@ -13,7 +13,7 @@
 
 namespace MapServices::impl {
 
-using TileDataCallback = std::function<void(const Data::Array&)>;  // same as the fetcher's
+using TileDataCallback = std::function<void(const Data::Array&)>; // same as the fetcher's
 
 // State of one tile fetch. Its stages (caller, HTTP completion, worker, dispatcher) follow each
 // other, each holding a reference, so the fields need no lock; Cancel may run at any time.
