@@ -481,7 +481,6 @@ void Engine::Detach(RequestState& request) {
     }
     curl_easy_cleanup(request.easy);
     request.easy = nullptr;
-    request.readPending = false;
 }
 
 void Engine::DeliverError(RequestState& request, uint32_t api) {
@@ -941,6 +940,7 @@ void Engine::Close(HandleBase& handle, StatusCallback callback) {
     const uint32_t api = Api(request);
     Detach(request);
     request.transferDone = true;
+    request.readPending = false;
     request.uploads.clear();
     if (inFlight) {
         request.transferError = ErrorOperationCancelled;
