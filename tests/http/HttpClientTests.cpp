@@ -455,10 +455,14 @@ TEST_F(HttpClientTest, ResponseWithoutContentTypeOrLength) {
     RawServer plain([](int fd, const std::string&) {
         RawServer::SendAll(fd, "HTTP/1.0 200 Fine\r\nX-A: 1\r\n\r\nbody until close");
     });
+    TestSupport::ScopedRecordingLogger logger;
     auto client = Http::CreateHttpClient(plain.Base().c_str(), "Test/1.0", 0);
     auto request = NewRequest(client, "/");
     IHttpResponse* response = nullptr;
-    ASSERT_TRUE(Bounded(request, [&] { response = request->GetResponse(true); }));
+    const bool ended = Bounded(request, [&] { response = request->GetResponse(true); });
+    if (!ended)
+        for (const auto& line : logger->Lines()) ADD_FAILURE() << line.text;
+    ASSERT_TRUE(ended);
     ASSERT_NE(response, nullptr);
     EXPECT_TRUE(request->IsCompleted()); // no length: complete at the first read of nothing
     EXPECT_EQ(response->GetHeader("Content-Type"), nullptr);

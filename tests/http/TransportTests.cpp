@@ -263,6 +263,22 @@ INSTANTIATE_TEST_SUITE_P(
                     T::ErrorInvalidServerResponse, ""}),
     [](const testing::TestParamInfo<FailureCase>& info) { return std::string(info.param.name); });
 
+TEST(Transport, BodyDelimitedByCloseEndsWithEmptyRead) {
+    RawServer server([](int fd, const std::string&) {
+        RawServer::SendAll(fd, "HTTP/1.0 200 Fine\r\nX-A: 1\r\n\r\nbody until close");
+    });
+    Exchange x;
+    {
+        Session session(server.Port());
+        session.Start(x, "GET", "/");
+        ASSERT_TRUE(WaitUntil([&] { return x.closed.load(); }));
+    }
+    EXPECT_EQ(x.error, 0u);
+    EXPECT_EQ(x.body, "body until close");
+    EXPECT_EQ(x.Events(), Sequence({T::StatusSendRequestComplete, T::StatusHeadersAvailable, T::StatusReadComplete,
+                                    T::StatusReadComplete, T::StatusHandleClosing}));
+}
+
 TEST(Transport, RefusedConnectionIsCannotConnect) {
     int port;
     {

@@ -207,7 +207,13 @@ bool HttpRequestImpl::GetResponseAsync(IAsyncTask** ppTask) {
 bool HttpRequestImpl::_abi_GetResponseStreamAsync(IAsyncTask** ppTask, Core::IErrorCode** ppError) {
     return Core::AbiGuard(
         [&] {
-            if (response_.Raw())
+            bool hasResponse = false;
+            {
+                // The transport thread may be storing the response right now.
+                ObjectLock lock(*this);
+                hasResponse = response_.Raw() != nullptr;
+            }
+            if (hasResponse)
                 throw std::runtime_error("Other GetResponse method was already called. GetResponseStreamAsync and "
                                          "GetResponseAsync are mutually exclusive!");
             if (state_.load() == StateResponse)
@@ -275,7 +281,11 @@ void HttpRequestImpl::OnHeadersAvailable() {
     if (state == StateResponse) {
         auto memory = Core::MakeObject<impl::MemoryStreamImpl>();
         auto stream = Core::MakeObject<HttpResponseStreamImpl>(memory, table, nullptr);
-        response_ = Core::MakeObject<HttpResponseImpl>(stream);
+        Core::Ptr<IHttpResponse> response = Core::MakeObject<HttpResponseImpl>(stream);
+        {
+            ObjectLock lock(*this);
+            response_.Swap(response);
+        }
         ReadData();
         return;
     }

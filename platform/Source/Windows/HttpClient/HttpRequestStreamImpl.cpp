@@ -123,10 +123,13 @@ bool HttpRequestStreamImpl::SendRequestInternal() {
 bool HttpRequestStreamImpl::_abi_SendAsync(IAsyncTask** ppTask, Core::IErrorCode** ppError) {
     return Core::AbiGuard(
         [&] {
-            task_ = Core::MakeObject<HttpAsyncTaskImpl>();
-            task_->SetState(AsyncTaskQueued);
+            // The caller's reference is taken before the send: the headers may come, and the
+            // request drop its own, before SendRequestInternal returns.
+            Core::Ptr<IAsyncTask> task = Core::MakeObject<HttpAsyncTaskImpl>();
+            task_ = task;
+            task->SetState(AsyncTaskQueued);
             if (!SendRequestInternal()) return;
-            *ppTask = Core::Ptr<IAsyncTask>(task_).Detach();
+            *ppTask = task.Detach();
         },
         ppError);
 }

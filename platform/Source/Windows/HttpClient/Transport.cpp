@@ -34,6 +34,9 @@ constexpr size_t kBufferHigh = 1024 * 1024;
 constexpr size_t kBufferLow = kBufferHigh / 2;
 constexpr int kMaxRedirects = 10;
 constexpr long kMaxHostConnections = 128;
+// Transfers in the multi handle at once; the others wait their turn in arrival order, which
+// keeps each pass of curl over its transfers short with thousands of requests in flight.
+constexpr size_t kMaxActive = 2 * kMaxHostConnections;
 
 bool Fail(uint32_t error) {
     t_lastError = error;
@@ -173,6 +176,7 @@ struct RequestState final : HandleBase {
     curl_slist* slist = nullptr;
     std::string url;
     bool started = false;
+    bool waiting = false; // sent, waiting for room in the multi handle
     bool transferDone = false;
     uint32_t transferError = 0;
     bool errorDelivered = false;
@@ -324,6 +328,8 @@ public:
     }
 
     void Start(RequestState& request);
+    void Launch(RequestState& request);
+    void StartWaiting();
     void Receive(RequestState& request);
     void Read(RequestState& request, void* buffer, uint32_t size);
     void Write(RequestState& request, std::vector<char> data, uint32_t length);
@@ -354,6 +360,7 @@ private:
             request->easy = nullptr;
         }
         active_.clear();
+        waiting_.clear();
         events_.clear();
         curl_multi_cleanup(multi_);
         curl_global_cleanup();
@@ -404,6 +411,7 @@ private:
 
     std::deque<Event> events_;
     std::unordered_map<CURL*, std::shared_ptr<RequestState>> active_;
+    std::deque<std::shared_ptr<RequestState>> waiting_;
     bool needsPerform_ = false;
     Clock::time_point lastTimeoutCheck_{};
 };
@@ -425,12 +433,14 @@ void Engine::Loop() {
         work.clear();
         Deliver();
 
+        StartWaiting();
         int running = 0;
         curl_multi_perform(multi_, &running);
         ProcessDone();
         Deliver();
         CheckTimeouts();
         Deliver();
+        StartWaiting();
 
         int timeout = active_.empty() ? 10000 : 100;
         if (needsPerform_) timeout = 0;
@@ -481,7 +491,6 @@ void Engine::Detach(RequestState& request) {
     }
     curl_easy_cleanup(request.easy);
     request.easy = nullptr;
-    request.readPending = false;
 }
 
 void Engine::DeliverError(RequestState& request, uint32_t api) {
@@ -731,6 +740,25 @@ Engine* Engine::self_ = nullptr;
 
 void Engine::Start(RequestState& request) {
     if (request.closeIssued.load()) return;
+    if (active_.size() >= kMaxActive) {
+        request.waiting = true;
+        waiting_.push_back(std::static_pointer_cast<RequestState>(request.shared_from_this()));
+        return;
+    }
+    Launch(request);
+}
+
+void Engine::StartWaiting() {
+    while (!waiting_.empty() && active_.size() < kMaxActive) {
+        std::shared_ptr<RequestState> next = std::move(waiting_.front());
+        waiting_.pop_front();
+        if (!next->waiting) continue; // closed meanwhile
+        next->waiting = false;
+        Launch(*next);
+    }
+}
+
+void Engine::Launch(RequestState& request) {
     SessionState& session = *request.session;
     bool tls12Only, http2, encodeExtra;
     uint32_t decompression;
@@ -937,10 +965,12 @@ void Engine::Close(HandleBase& handle, StatusCallback callback) {
     request.closeProcessed = true;
     // In flight until its user has seen the end of the body or a failure: closing it before
     // that cancels, which also wakes whoever still waits for the end.
-    const bool inFlight = request.started && !request.endDelivered && !request.errorDelivered;
+    const bool inFlight = (request.started || request.waiting) && !request.endDelivered && !request.errorDelivered;
+    request.waiting = false;
     const uint32_t api = Api(request);
     Detach(request);
     request.transferDone = true;
+    request.readPending = false;
     request.uploads.clear();
     if (inFlight) {
         request.transferError = ErrorOperationCancelled;
