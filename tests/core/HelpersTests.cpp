@@ -9,21 +9,12 @@
 #include "Core/Fnv1a.h"
 #include "Core/StringFormat.h"
 #include "Core/TypeName.h"
+#include "MessageOf.h"
 #include "TestObjects.h"
 
-namespace {
+using TestSupport::MessageOf;
 
-template <class F>
-std::string MessageOf(F&& f) {
-    try {
-        f();
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "<no exception>";
-}
-
-} // namespace
+namespace {} // namespace
 
 TEST(StringFormat, FormatsAnyLength) {
     EXPECT_EQ(Core::StringFormat("%s-%d-%u", "a", -3, 4u), "a--3-4");

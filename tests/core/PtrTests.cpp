@@ -6,26 +6,17 @@
 
 #include "Core/ErrorCodeImpl.h"
 #include "Core/Ptr.h"
+#include "MessageOf.h"
 #include "TestObjects.h"
+
+using TestSupport::MessageOf;
 
 using Core::Ptr;
 using Tellar::Interfaces::IMapService;
 using TestSupport::Counted;
 using TestSupport::IOther;
 
-namespace {
-
-template <class F>
-std::string MessageOf(F&& f) {
-    try {
-        f();
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "<no exception>";
-}
-
-} // namespace
+namespace {} // namespace
 
 TEST(Ptr, CountsReferencesAndFreesWithTheLastRelease) {
     std::atomic<int> live{0};

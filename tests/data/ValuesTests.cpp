@@ -5,20 +5,11 @@
 
 #include "Data/Exports.h"
 #include "Data/Values.h"
+#include "MessageOf.h"
 
-namespace {
+using TestSupport::MessageOf;
 
-template <class F>
-std::string MessageOf(F&& f) {
-    try {
-        f();
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "<no exception>";
-}
-
-} // namespace
+namespace {} // namespace
 
 TEST(ValueLibrary, CreatorsFollowTheBoundaryConvention) {
     Data::Interfaces::IArray* array = nullptr;

@@ -7,21 +7,14 @@
 #include "Core/ObjectImplBase.h"
 #include "Data/Values.h"
 #include "Data/Variant.h"
+#include "MessageOf.h"
+
+using TestSupport::MessageOf;
 
 using Data::Variant;
 namespace S = Data::Structures;
 
 namespace {
-
-template <class F>
-std::string MessageOf(F&& f) {
-    try {
-        f();
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "<no exception>";
-}
 
 class JsonDoc final : public Core::ObjectImplBase<Data::Interfaces::IJsonDocument> {
 public:

@@ -5,27 +5,18 @@
 #include <string>
 
 #include "Core/Fnv1a.h"
+#include "MessageOf.h"
 #include "RecordingLogger.h"
 #include "TempDir.h"
 #include "Tms/TmsFetcherImpl.h"
+
+using TestSupport::MessageOf;
 
 using MapServices::BoundingBoxValue;
 using MapServices::TileRange;
 using MapServices::Tms::impl::TmsFetcherImpl;
 
-namespace {
-
-template <class F>
-std::string MessageOf(F&& f) {
-    try {
-        f();
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "<no exception>";
-}
-
-} // namespace
+namespace {} // namespace
 
 TEST(TmsFetcher, SplitsServiceUrls) {
     const struct {
