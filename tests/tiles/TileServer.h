@@ -6,6 +6,7 @@
 //   /xml/...              text/xml                        /empty/...  an empty image/png body
 //   /slow/...             a PNG tile after 300 ms          /bad/...    bytes that are no image
 #include <httplib.h>
+#include <sys/socket.h>
 
 #include <atomic>
 #include <chrono>
@@ -37,7 +38,7 @@ inline std::string SmallPngTile() {
 class TileServer {
 public:
     TileServer() : png_(SmallPngTile()) {
-        server_.new_task_queue = [] { return new httplib::ThreadPool(64); };
+        server_.new_task_queue = [] { return new httplib::ThreadPool(128); };
         server_.set_keep_alive_timeout(1);
         server_.Get(R"(/(\w+)/(\d+)/(\d+)/(\d+)\.png)", [this](const httplib::Request& req, httplib::Response& res) {
             const std::string kind = req.matches[1];
@@ -64,7 +65,16 @@ public:
                 res.set_content(png_, "image/png");
             }
         });
+        // The library listens with a backlog of 5; a thousand requests at once would stall in
+        // SYN retries, so the socket gets a deep backlog once bound.
+        int listener = -1;
+        server_.set_socket_options([&listener](int fd) {
+            int one = 1;
+            ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+            listener = fd;
+        });
         port_ = server_.bind_to_any_port("127.0.0.1");
+        ::listen(listener, 4096);
         thread_ = std::thread([this] { server_.listen_after_bind(); });
         for (int i = 0; i < 2000 && !server_.is_running(); ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
