@@ -248,6 +248,24 @@ void HttpRequestImpl::SetUserObject(Core::IObject* object) {
 
 Core::IObject* HttpRequestImpl::GetUserObject() { return userObject_.Raw(); }
 
+bool ReadRawResponseHeaders(Transport::Handle handle, const char* function, const char* file, std::string& text) {
+    uint32_t size = 0;
+    Transport::QueryHeaders(handle, Transport::QueryRawHeadersCrlf, nullptr, nullptr, &size, nullptr);
+    if (Transport::GetLastError() != Transport::ErrorInsufficientBuffer) return false;
+    text.assign(size & ~1u, '\0');
+    uint32_t length = static_cast<uint32_t>(text.size());
+    if (!Transport::QueryHeaders(handle, Transport::QueryRawHeadersCrlf, nullptr, size < 2 ? nullptr : text.data(),
+                                 &length, nullptr)) {
+        const uint32_t error = Transport::GetLastError();
+        LogMessage(LogError, function, file, __LINE__,
+                   Core::StringFormat("WinHttpQueryHeaders failed (%d) %s", static_cast<int>(error),
+                                      Win32Text(error).c_str()));
+        return false;
+    }
+    text.resize(length);
+    return true;
+}
+
 void HttpRequestImpl::OnSendComplete() {
     const Transport::Handle handle = handle_.load();
     if (Transport::IsValidHandle(handle)) Transport::ReceiveResponse(handle, nullptr);
@@ -257,20 +275,8 @@ void HttpRequestImpl::OnHeadersAvailable() {
     constexpr const char* function = "Platform::Windows::Network::Http::HttpRequestImpl::OnHeadersAvailable";
     const Transport::Handle handle = handle_.load();
     if (handle == Transport::InvalidHandle()) return;
-    uint32_t size = 0;
-    Transport::QueryHeaders(handle, Transport::QueryRawHeadersCrlf, nullptr, nullptr, &size, nullptr);
-    if (Transport::GetLastError() != Transport::ErrorInsufficientBuffer) return;
-    std::string text(size & ~1u, '\0');
-    uint32_t length = static_cast<uint32_t>(text.size());
-    if (!Transport::QueryHeaders(handle, Transport::QueryRawHeadersCrlf, nullptr, size < 2 ? nullptr : text.data(),
-                                 &length, nullptr)) {
-        const uint32_t error = Transport::GetLastError();
-        LogMessage(LogError, function, kFile, __LINE__,
-                   Core::StringFormat("WinHttpQueryHeaders failed (%d) %s", static_cast<int>(error),
-                                      Win32Text(error).c_str()));
-        return;
-    }
-    text.resize(length);
+    std::string text;
+    if (!ReadRawResponseHeaders(handle, function, kFile, text)) return;
     const HeaderTable table = Platform::Network::Http::ParseResponseHeaders(text);
 
     const uint32_t state = state_.load();

@@ -2,6 +2,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <string>
 #include <vector>
 
 #include "Core/ObjectImplBase.h"
@@ -96,5 +97,9 @@ private:
     std::atomic<uint32_t> state_{StateIdle};
     std::atomic<impl::AsyncStreamImpl*> asyncStream_{nullptr};
 };
+
+// Reads the final header block of a request as CRLF-separated text; false (logged under
+// `function` and `file` when the query itself fails) when there is none.
+bool ReadRawResponseHeaders(Transport::Handle handle, const char* function, const char* file, std::string& text);
 
 } // namespace Platform::Windows::Network::Http

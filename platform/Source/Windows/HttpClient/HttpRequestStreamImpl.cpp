@@ -206,20 +206,8 @@ void HttpRequestStreamImpl::OnHeadersAvailable() {
     constexpr const char* function = "Platform::Windows::Network::Http::HttpRequestStreamImpl::OnHeadersAvailable";
     const Transport::Handle handle = handle_.load();
     if (handle == Transport::InvalidHandle()) return;
-    uint32_t size = 0;
-    Transport::QueryHeaders(handle, Transport::QueryRawHeadersCrlf, nullptr, nullptr, &size, nullptr);
-    if (Transport::GetLastError() != Transport::ErrorInsufficientBuffer) return;
-    std::string text(size & ~1u, '\0');
-    uint32_t length = static_cast<uint32_t>(text.size());
-    if (!Transport::QueryHeaders(handle, Transport::QueryRawHeadersCrlf, nullptr, size < 2 ? nullptr : text.data(),
-                                 &length, nullptr)) {
-        const uint32_t error = Transport::GetLastError();
-        LogMessage(LogError, function, kFile, __LINE__,
-                   Core::StringFormat("WinHttpQueryHeaders failed (%d) %s", static_cast<int>(error),
-                                      RichError::FormatError(RichError::ErrorTypeWin32, error).c_str()));
-        return;
-    }
-    text.resize(length);
+    std::string text;
+    if (!ReadRawResponseHeaders(handle, function, kFile, text)) return;
     const HeaderTable table = Platform::Network::Http::ParseResponseHeaders(text);
     auto found = table.find("Content-Length");
     const uint64_t contentLength = found == table.end() ? 0 : ParseContentLength(found->second);
