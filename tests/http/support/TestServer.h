@@ -171,9 +171,14 @@ public:
         ::shutdown(listener_, SHUT_RDWR);
         ::close(listener_);
         thread_.join();
-        std::lock_guard lock(mutex_);
-        for (int fd : open_) ::shutdown(fd, SHUT_RDWR);
-        for (auto& worker : workers_) worker.join();
+        // No worker is added any more. Join them outside the lock: each takes it on its way out.
+        std::vector<std::thread> workers;
+        {
+            std::lock_guard lock(mutex_);
+            for (int fd : open_) ::shutdown(fd, SHUT_RDWR);
+            workers.swap(workers_);
+        }
+        for (auto& worker : workers) worker.join();
     }
 
     int Port() const { return port_; }
