@@ -1,8 +1,5 @@
 #include "TileFetcherBase.h"
 
-#include <sys/syscall.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <cctype>
 #include <cmath>
@@ -15,6 +12,8 @@
 #include "Core/AbiGuard.h"
 #include "Core/Checked.h"
 #include "Core/StringFormat.h"
+#include "MapServices/Common/CacheFile.h"
+#include "MapServices/Common/TileMath.h"
 #include "Platform/Log.h"
 #include "Platform/Network/Http/Headers.h"
 #include "Platform/Network/Http/HttpClient.h"
@@ -24,10 +23,6 @@
 namespace MapServices::impl {
 
 namespace {
-
-// The pi of the tile formulas, as written in the formulas (not the full-precision value).
-constexpr double TilePi = 3.14159265358979;
-constexpr double DegreesPerRadian = 57.29577951308238;
 
 std::vector<std::string> SplitNonEmpty(const std::string& text, char separator) {
     std::vector<std::string> pieces;
@@ -103,13 +98,9 @@ std::string MakeCacheDirectory(const std::string& path, const char* function) {
 
 BoundingBoxValue TileFetcherBase::GetTileBounds(int32_t x, int32_t y, int32_t z) {
     const double n = std::pow(2.0, z);
-    const auto longitude = [n](double column) { return column / n * 360.0 - 180.0; };
-    const auto latitude = [n](double row) {
-        return std::atan(std::sinh(TilePi - 2.0 * (row / n) * TilePi)) * DegreesPerRadian;
-    };
     BoundingBoxValue box;
-    box.Extend(longitude(x), latitude(y));
-    box.Extend(longitude(static_cast<double>(x) + 1), latitude(static_cast<double>(y) + 1));
+    box.Extend(TileLongitude(x, n), TileLatitude(y, n));
+    box.Extend(TileLongitude(static_cast<double>(x) + 1, n), TileLatitude(static_cast<double>(y) + 1, n));
     return box;
 }
 
@@ -243,13 +234,6 @@ bool IsTileContentType(const char* header) {
            type.find("image") != std::string_view::npos;
 }
 
-// A name beside `path` that no other writer uses at the same time.
-std::string TemporaryNameFor(const std::string& path) {
-    static std::atomic<uint64_t> counter{0};
-    return Core::StringFormat("%s.%ld.%llu.part", path.c_str(), static_cast<long>(::syscall(SYS_gettid)),
-                              static_cast<unsigned long long>(++counter));
-}
-
 } // namespace
 
 TileFetcherBase::TileFetcherBase()
@@ -380,16 +364,7 @@ void TileFetcherBase::SaveTile(const HttpResponse& response, ITileRequest& reque
 }
 
 void TileFetcherBase::WriteResponseFile(const HttpResponse& response, const std::string& target) {
-    // Readers never see a partial file: write beside it, then rename into place.
-    const std::string temporary = TemporaryNameFor(target);
-    if (!response.Get()->SaveToFile(temporary.c_str())) return;
-    std::error_code error;
-    std::filesystem::rename(temporary, target, error);
-    if (error) {
-        std::error_code ignored;
-        std::filesystem::remove(temporary, ignored);
-        Core::ThrowFileSystemError("rename", temporary, error);
-    }
+    WriteCacheFile(response, target);
 }
 
 void TileFetcherBase::FetchTileToFile(ITileRequest& request, const std::string& path) {

@@ -1,0 +1,311 @@
+#include "Tellar/Spatial/Maps/GenericMapServiceT.h"
+
+#include <cmath>
+#include <stdexcept>
+
+#include "Core/AbiGuard.h"
+#include "Core/TypeName.h"
+#include "Data/Values.h"
+#include "MapServices/Common/TileMath.h"
+#include "MapServices/Wmts/WmtsCapabilities.h"
+#include "Private/Spatial/Raster/ImageBase.h"
+#include "Private/Spatial/Raster/RasterUtils.h"
+#include "Tellar/Interfaces/IBoundingBox2d.h"
+#include "Tellar/Interfaces/ITileRequest.h"
+#include "Tellar/Spatial/Maps/Mosaic.h"
+#include "Tellar/Spatial/Maps/TileRequestImpl.h"
+
+namespace Tellar::Spatial::Maps::impl {
+
+namespace {
+
+using MapServices::BoundingBoxValue;
+using MapServices::TileRange;
+
+constexpr double EarthRadius = 6378137.0;
+constexpr double HalfPi = 1.570796326794895;
+
+double MercatorToLongitude(double x) { return x / EarthRadius * MapServices::DegreesPerRadian; }
+double MercatorToLatitude(double y) {
+    return (2.0 * std::atan(std::exp(y / EarthRadius)) - HalfPi) * MapServices::DegreesPerRadian;
+}
+
+BoundingBoxValue ValuesOf(Tellar::Interfaces::IBoundingBox2d& box) {
+    BoundingBoxValue value;
+    box.GetValues(&value.minX, &value.minY, &value.maxX, &value.maxY);
+    return value;
+}
+
+// x + 1 without overflow at the top of the range: it wraps, as the tile arithmetic always has.
+int64_t Next(int64_t value) { return static_cast<int64_t>(static_cast<uint64_t>(value) + 1u); }
+
+} // namespace
+
+template <class I>
+GenericMapServiceT<I>::GenericMapServiceT(Core::Ptr<Fetcher> fetcher, Core::Ptr<Tellar::Interfaces::ICrs> serviceCrs)
+    : fetcher_(std::move(fetcher)), serviceCrs_(std::move(serviceCrs)) {
+    fetcher_->SetCacheEnabled(false);
+}
+
+template <class I>
+MapServices::TileRange GenericMapServiceT<I>::TileMatrixRange(const MapServices::Wmts::WmtsTileMatrix& matrix,
+                                                              const BoundingBoxValue& box) {
+    const double size = matrix.scaleDenominator * 0.00028;
+    const double spanX = static_cast<double>(matrix.tileWidth) * size;
+    const double spanY = -(static_cast<double>(matrix.tileHeight) * size);
+    const auto whole = [](double value) { return static_cast<int64_t>(value); };
+    TileRange range;
+    range.Extend(whole(std::floor((box.minX - matrix.topLeftX) / spanX)),
+                 whole(std::floor((box.maxY - matrix.topLeftY) / spanY)));
+    range.Extend(whole(std::ceil((box.maxX - matrix.topLeftX) / spanX)) - 1,
+                 whole(std::ceil((box.minY - matrix.topLeftY) / spanY)) - 1);
+    return range;
+}
+
+template <class I>
+const MapServices::Wmts::WmtsTileMatrix& GenericMapServiceT<I>::WmtsMatrix(int32_t) {
+    // Only a WMTS fetcher knows tile matrices; this service has none.
+    throw std::runtime_error("Unsupported projection");
+}
+
+template <class I>
+MapServices::TileRange GenericMapServiceT<I>::BoxToTileRange(int32_t zoom, BoundingBoxValue box) {
+    if (transformation_.transformation.Raw()) {
+        double corners[16] = {box.minX, box.minY, 0, 0, box.minX, box.maxY, 0, 0,
+                              box.maxX, box.maxY, 0, 0, box.maxX, box.minY, 0, 0};
+        if (!transformation_.noOp) {
+            Core::Ptr<Core::IErrorCode> error;
+            if (!transformation_.transformation->TransformPoints(4, corners, error.ReceiveAddress()))
+                Core::ThrowIfError(error);
+        }
+        box = BoundingBoxValue();
+        for (int i = 0; i < 4; ++i) box.Extend(corners[i * 4], corners[i * 4 + 1]);
+    }
+    switch (serviceCrs_->GetEpsgCode()) {
+    case 4326:
+        return fetcher_->GetTileRange(box, zoom);
+    case 3857: {
+        BoundingBoxValue degrees;
+        degrees.minX = MercatorToLongitude(box.minX);
+        degrees.minY = MercatorToLatitude(box.minY);
+        degrees.maxX = MercatorToLongitude(box.maxX);
+        degrees.maxY = MercatorToLatitude(box.maxY);
+        return fetcher_->GetTileRange(degrees, zoom);
+    }
+    default:
+        return TileMatrixRange(WmtsMatrix(zoom), box);
+    }
+}
+
+template <class I>
+BoundingBoxValue GenericMapServiceT<I>::TileRangeToBox(int32_t zoom, const TileRange& range) {
+    BoundingBoxValue box;
+    const uint32_t code = serviceCrs_->GetEpsgCode();
+    if (code == 4326 || code == 3857) {
+        const double n = std::pow(2.0, zoom);
+        box.Extend(MapServices::TileLongitude(static_cast<double>(range.minX), n),
+                   MapServices::TileLatitude(static_cast<double>(range.minY), n));
+        box.Extend(MapServices::TileLongitude(static_cast<double>(range.maxX), n),
+                   MapServices::TileLatitude(static_cast<double>(range.maxY), n));
+        return box;
+    }
+    const MapServices::Wmts::WmtsTileMatrix& matrix = WmtsMatrix(zoom);
+    const double size = matrix.scaleDenominator * 0.00028;
+    const auto corner = [&](int64_t column, int64_t row) {
+        box.Extend(static_cast<double>(column) * static_cast<double>(matrix.tileWidth) * size + matrix.topLeftX,
+                   static_cast<double>(row) * -(static_cast<double>(matrix.tileHeight) * size) + matrix.topLeftY);
+    };
+    corner(range.minX, range.minY);
+    corner(range.maxX, range.maxY);
+    return box;
+}
+
+template <class I>
+void GenericMapServiceT<I>::RenewTransformation() {
+    if (serviceCrs_.Raw() && targetCrs_.Raw())
+        transformation_ = CrsTransformationHolder(targetCrs_, serviceCrs_);
+    else
+        transformation_ = CrsTransformationHolder();
+}
+
+template <class I>
+void GenericMapServiceT<I>::SetTargetCrs(Tellar::Interfaces::ICrs* crs) {
+    targetCrs_ = Core::Ptr<Tellar::Interfaces::ICrs>(crs);
+    RenewTransformation();
+}
+
+template <class I>
+void GenericMapServiceT<I>::ReplaceServiceCrs(Tellar::Interfaces::ICrs* crs) {
+    serviceCrs_ = Core::Ptr<Tellar::Interfaces::ICrs>(crs);
+    RenewTransformation();
+}
+
+template <class I>
+Tellar::Interfaces::ICrs* GenericMapServiceT<I>::GetCrs() {
+    if (!serviceCrs_.Raw()) Core::detail::ThrowNullPointer(Core::TypeName<Tellar::Interfaces::ICrs>());
+    return serviceCrs_.Raw();
+}
+
+template <class I>
+const char* GenericMapServiceT<I>::GetServiceUrl() {
+    serviceUrl_ = fetcher_->GetServiceUrl();
+    return serviceUrl_.c_str();
+}
+
+template <class I>
+const char* GenericMapServiceT<I>::GetLayerName() {
+    layerName_ = fetcher_->GetLayerName();
+    return layerName_.c_str();
+}
+
+template <class I>
+Platform::Interfaces::IHttpClient* GenericMapServiceT<I>::GetHttpClient() {
+    // The fetcher keeps its client, so the pointer outlives this reference.
+    return fetcher_->GetHttpClient().Raw();
+}
+
+template <class I>
+Core::Ptr<Tellar::Interfaces::ITileRequest> GenericMapServiceT<I>::MakeTileRequest(int32_t zoom, int64_t x, int64_t y) {
+    TileRange range;
+    range.Extend(x, y);
+    range.Extend(Next(x), Next(y));
+    const auto z = zoom;
+    const auto column = static_cast<int32_t>(x);
+    const auto row = static_cast<int32_t>(y);
+    const auto epsgCode = static_cast<int32_t>(serviceCrs_->GetEpsgCode());
+    if (fetcher_->IsTileCached(z, column, row)) {
+        const BoundingBoxValue bounds = TileRangeToBox(zoom, range);
+        return Core::MakeObject<TileRequestImpl>(zoom, x, y, bounds, epsgCode,
+                                                 fetcher_->GetCachedTilePath(z, column, row));
+    }
+    Platform::Network::Http::HttpRequest request = fetcher_->CreateTileHttpRequest(z, column, row);
+    const BoundingBoxValue bounds = TileRangeToBox(zoom, range);
+    std::string path = fetcher_->IsCacheEnabled() ? fetcher_->GetCachedTilePath(z, column, row) : std::string();
+    return Core::MakeObject<TileRequestImpl>(std::move(request), zoom, x, y, bounds, epsgCode, std::move(path));
+}
+
+template <class I>
+Core::Ptr<Data::Interfaces::IObjectList> GenericMapServiceT<I>::MakeTileList(int32_t zoom, const TileRange& range) {
+    Data::ObjectList list = Data::ObjectList::Create();
+    if (range.minX > range.maxX || range.minY > range.maxY) return list;
+    for (int64_t x = range.minX;; ++x) {
+        for (int64_t y = range.minY;; ++y) {
+            Core::Ptr<Tellar::Interfaces::ITileRequest> request = MakeTileRequest(zoom, x, y);
+            Core::Ptr<Core::IErrorCode> error;
+            if (!list->_abi_Append(request.Raw(), error.ReceiveAddress())) Core::ThrowIfError(error);
+            if (y == range.maxY) break;
+        }
+        if (x == range.maxX) break;
+    }
+    return list;
+}
+
+template <class I>
+bool GenericMapServiceT<I>::GetTile(int32_t zoom, int64_t x, int64_t y, Tellar::Interfaces::ITileRequest** ppRequest,
+                                    Core::IErrorCode** ppError) {
+    return Core::AbiGuard(
+        [&] {
+            Core::CheckResultAddress(ppRequest);
+            *ppRequest = MakeTileRequest(zoom, x, y).Detach();
+        },
+        ppError);
+}
+
+template <class I>
+bool GenericMapServiceT<I>::GetTilesForRange(int32_t zoom, int64_t minX, int64_t minY, int64_t maxX, int64_t maxY,
+                                             Data::Interfaces::IObjectList** ppList, Core::IErrorCode** ppError) {
+    return Core::AbiGuard(
+        [&] {
+            Core::CheckResultAddress(ppList);
+            *ppList = MakeTileList(zoom, TileRange{minX, minY, maxX, maxY}).Detach();
+        },
+        ppError);
+}
+
+template <class I>
+bool GenericMapServiceT<I>::GetTilesForBox(int32_t zoom, Tellar::Interfaces::IBoundingBox2d* box,
+                                           Data::Interfaces::IObjectList** ppList, Core::IErrorCode** ppError) {
+    return Core::AbiGuard(
+        [&] {
+            Core::ThrowIfNull(box);
+            Core::CheckResultAddress(ppList);
+            *ppList = MakeTileList(zoom, BoxToTileRange(zoom, ValuesOf(*box))).Detach();
+        },
+        ppError);
+}
+
+template <class I>
+TellarImaging::ITiffImage* GenericMapServiceT<I>::MakeMosaic(int32_t zoom, const BoundingBoxValue& box,
+                                                             bool bestEffort) {
+    using Tellar::Interfaces::ITileRequest;
+    using Tellar::Interfaces::ITileResponse;
+    const TileRange range = BoxToTileRange(zoom, box);
+
+    std::vector<Core::Ptr<ITileResponse>> responses;
+    const auto take = [&responses](ITileRequest& request) {
+        Core::Ptr<ITileResponse> response;
+        Core::Ptr<Core::IErrorCode> error;
+        if (!request.GetResponse(response.ReceiveAddress(), error.ReceiveAddress())) Core::ThrowIfError(error);
+        responses.push_back(std::move(response));
+    };
+    const Core::Ptr<Data::Interfaces::IObjectList> list = MakeTileList(zoom, range);
+    if (bestEffort && range.minX <= range.maxX && range.minY <= range.maxY) {
+        // A second request per tile, whose failure only leaves that copy out.
+        for (int64_t x = range.minX;; ++x) {
+            for (int64_t y = range.minY;; ++y) {
+                Core::Ptr<ITileRequest> request = MakeTileRequest(zoom, x, y);
+                Core::Ptr<ITileResponse> response;
+                Core::Ptr<Core::IErrorCode> error;
+                if (request->GetResponse(response.ReceiveAddress(), error.ReceiveAddress()))
+                    responses.push_back(std::move(response));
+                if (y == range.maxY) break;
+            }
+            if (x == range.maxX) break;
+        }
+    }
+    for (uint64_t i = 0; i < list->GetCount(); ++i) take(*dynamic_cast<ITileRequest*>(list->GetItem(i)));
+
+    const uint32_t serviceEpsg = serviceCrs_->GetEpsgCode();
+    Core::Ptr<TellarImaging::IImage> image = ComposeMosaic(range, responses, serviceEpsg);
+    if (transformation_.transformation.Raw()) {
+        const CrsTransformationHolder toTarget(serviceCrs_, targetCrs_);
+        const TellarImaging::ImageBase reprojected = TellarImaging::CreateImageBase(
+            Tellar::Spatial::Raster::RasterUtils::ReprojectImage(image.Raw(), toTarget).Raw());
+        if (auto* tiff = dynamic_cast<TellarImaging::ITiffImage*>(reprojected.image.Raw()))
+            tiff->SetSampleKind(TellarImaging::SampleKindSigned);
+        image = reprojected.image;
+    }
+    Core::Ptr<TellarImaging::IImage> cropped = CropToBox(image.Raw(), box);
+    if (cropped.IsNull()) return nullptr;
+    auto* tiff = dynamic_cast<TellarImaging::ITiffImage*>(cropped.Raw());
+    if (tiff) tiff->AddReference();
+    return tiff;
+}
+
+template <class I>
+bool GenericMapServiceT<I>::GetImage(int32_t zoom, Tellar::Interfaces::IBoundingBox2d* box,
+                                     TellarImaging::ITiffImage** ppImage, Core::IErrorCode** ppError) {
+    return Core::AbiGuard(
+        [&] {
+            Core::ThrowIfNull(box);
+            Core::CheckResultAddress(ppImage);
+            *ppImage = MakeMosaic(zoom, ValuesOf(*box), false);
+        },
+        ppError);
+}
+
+template <class I>
+bool GenericMapServiceT<I>::GetImageBestEffort(int32_t zoom, Tellar::Interfaces::IBoundingBox2d* box,
+                                               TellarImaging::ITiffImage** ppImage, Core::IErrorCode** ppError) {
+    return Core::AbiGuard(
+        [&] {
+            Core::ThrowIfNull(box);
+            Core::CheckResultAddress(ppImage);
+            *ppImage = MakeMosaic(zoom, ValuesOf(*box), true);
+        },
+        ppError);
+}
+
+template class GenericMapServiceT<Tellar::Interfaces::IMapService>;
+
+} // namespace Tellar::Spatial::Maps::impl

@@ -1,0 +1,128 @@
+#include "Tellar/Spatial/Maps/Mosaic.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+#include "Core/AbiGuard.h"
+#include "Core/Checked.h"
+#include "Private/Spatial/Raster/ImageBase.h"
+#include "TellarImaging/ITransform.h"
+
+namespace Tellar::Spatial::Maps::impl {
+
+namespace {
+
+using TellarImaging::ImageBase;
+using TellarImaging::IImage;
+using TellarImaging::ITiffImage;
+using TellarImaging::ITransform;
+
+Core::Ptr<IImage> DecodeTile(Tellar::Interfaces::ITileResponse& response) {
+    Core::Ptr<IImage> image;
+    Core::Ptr<Core::IErrorCode> error;
+    if (!response.GetImage(image.ReceiveAddress(), error.ReceiveAddress())) Core::ThrowIfError(error);
+    return image;
+}
+
+// Copies the rows of `tile` to (left, top) of `target`, cut to the target's edges.
+void PasteTile(const ImageBase& tile, const ImageBase& target, int64_t left, int64_t top) {
+    const TellarImaging::PixelAccessor& from = *tile.accessor;
+    TellarImaging::PixelAccessor& to = *target.accessor;
+    if (left >= to.width || top >= to.height || left + from.width <= 0 || top + from.height <= 0) return;
+
+    const int64_t skipColumns = std::max<int64_t>(0, -left);
+    const int64_t firstColumn = left + skipColumns;
+    const int64_t skipRows = std::max<int64_t>(0, -top);
+    // A row of the tile in bytes, as far as it reaches into the target.
+    const int64_t sourceBytes = static_cast<int64_t>(from.rowSize) - skipColumns * from.pixelSize;
+    const int64_t roomBytes = (to.width - firstColumn) * static_cast<int64_t>(to.pixelSize);
+    const int64_t bytes = std::min(sourceBytes, roomBytes);
+    if (bytes <= 0) return;
+    const int64_t rows = std::min<int64_t>(from.height, to.height - top);
+
+    const bool contiguous = dynamic_cast<const TellarImaging::MemoryPixelAccessor*>(&from) != nullptr;
+    for (int64_t r = skipRows; r < rows; ++r) {
+        uint8_t* destination = to.GetPixel(static_cast<int32_t>(firstColumn), static_cast<int32_t>(top + r));
+        if (!destination) continue;
+        if (contiguous) {
+            const uint8_t* source = tile.accessor->GetPixel(static_cast<int32_t>(skipColumns), static_cast<int32_t>(r));
+            if (source) std::memcpy(destination, source, static_cast<size_t>(bytes));
+            continue;
+        }
+        // A tiled source: its rows are not contiguous, so go pixel by pixel.
+        const int64_t pixels = bytes / std::max(from.pixelSize, 1);
+        for (int64_t c = 0; c < pixels; ++c) {
+            const uint8_t* source =
+                tile.accessor->GetPixel(static_cast<int32_t>(skipColumns + c), static_cast<int32_t>(r));
+            if (source) std::memcpy(destination + c * from.pixelSize, source, static_cast<size_t>(from.pixelSize));
+        }
+    }
+}
+
+// Bounds first taken from above, then from below, so an image of no pixels clamps to 0; NaN
+// also reads 0.
+double Clamp(double value, double low, double high) {
+    if (std::isnan(value)) return low;
+    return std::max(low, std::min(value, high));
+}
+
+} // namespace
+
+Core::Ptr<ITiffImage> ComposeMosaic(const MapServices::TileRange& range,
+                                    const std::vector<Core::Ptr<Tellar::Interfaces::ITileResponse>>& responses,
+                                    uint32_t epsgCode) {
+    Tellar::Interfaces::ITileResponse& first = *Core::At(responses, 0);
+    const ImageBase firstImage = TellarImaging::ToTiffImageBase(DecodeTile(first).Raw());
+    const int32_t scale = firstImage.image->GetWidth() / 256;
+
+    Core::Ptr<ITransform> transform;
+    {
+        Core::Ptr<Core::IErrorCode> error;
+        if (!first.GetTransform(transform.ReceiveAddress(), error.ReceiveAddress())) Core::ThrowIfError(error);
+    }
+    const int32_t pixelDataType = dynamic_cast<ITiffImage&>(*firstImage.image).GetPixelDataType();
+
+    const auto columns = static_cast<int32_t>(range.maxX - range.minX + 1);
+    const auto rows = static_cast<int32_t>(range.maxY - range.minY + 1);
+    const ImageBase result = TellarImaging::CreateImageBase(columns * scale * 256, rows * scale * 256, pixelDataType);
+
+    const int64_t step = static_cast<int64_t>(scale) * 256;
+    for (const auto& response : responses) {
+        const ImageBase tile = TellarImaging::CreateImageBase(DecodeTile(*response).Raw());
+        const int64_t left = (response->GetX() - range.minX) * step;
+        const int64_t top = (response->GetY() - range.minY) * step;
+        PasteTile(tile, result, left, top);
+    }
+
+    auto& mosaic = dynamic_cast<ITiffImage&>(*result.image);
+    mosaic.SetEpsgCode(epsgCode);
+    mosaic.SetTransform(transform.Raw());
+    return Core::Ptr<ITiffImage>(&mosaic);
+}
+
+Core::Ptr<IImage> CropToBox(IImage* image, const MapServices::BoundingBoxValue& box) {
+    const ImageBase source = TellarImaging::CreateImageBase(image);
+    auto* tiff = dynamic_cast<ITiffImage*>(image);
+    Core::Ptr<ITransform> transform;
+    if (tiff) {
+        Core::Ptr<Core::IErrorCode> error;
+        if (!tiff->GetTransform(transform.ReceiveAddress(), error.ReceiveAddress())) Core::ThrowIfError(error);
+    }
+    Core::CheckedPtr<ITransform> checked(transform);
+    double px0 = 0, py0 = 0, px1 = 0, py1 = 0;
+    checked->WorldToPixel(box.minX, box.minY, 0.0, &px0, &py0, nullptr);
+    checked->WorldToPixel(box.maxX, box.maxY, 0.0, &px1, &py1, nullptr);
+
+    const double w = image->GetWidth();
+    const double h = image->GetHeight();
+    const double x = Clamp(px0, 0.0, w - 1);
+    const double y = Clamp(py1, 0.0, h - 1);
+    const double width = Clamp(Clamp(px1, 0.0, w) - x, 0.0, w);
+    const double height = Clamp(Clamp(py0, 0.0, h) - y, 0.0, h);
+    return TellarImaging::CropImageBase(source, static_cast<int32_t>(x), static_cast<int32_t>(y),
+                                        static_cast<int32_t>(width), static_cast<int32_t>(height))
+        .image;
+}
+
+} // namespace Tellar::Spatial::Maps::impl

@@ -1,0 +1,13 @@
+#pragma once
+#include <string>
+
+#include "Platform/Network/Http/HttpRequest.h"
+
+namespace MapServices {
+
+// Writes the body of `response` to `target` through a temporary file beside it, renamed into
+// place, so that a reader never sees a partial file. A body that can't be written leaves no
+// file; a failed rename throws the "rename" file-system error.
+void WriteCacheFile(const Platform::Network::Http::HttpResponse& response, const std::string& target);
+
+} // namespace MapServices
