@@ -5,6 +5,8 @@
 //   /mvt/...              bytes as application/vnd.mapbox-vector-tile
 //   /xml/...              text/xml                        /empty/...  an empty image/png body
 //   /slow/...             a PNG tile after 300 ms          /bad/...    bytes that are no image
+//   /xyz/...              a 256-pixel tile of one colour: red x, green y, blue z (each mod 256)
+//   /x512/..., /x200/...  the same, 512 or 200 pixels wide   /hole/...   /xyz/, but 404 where x == y
 #include <httplib.h>
 #include <sys/socket.h>
 
@@ -19,6 +21,22 @@
 #include "ImageWriters.h"
 
 namespace TestSupport {
+
+// A square RGB tile of one colour.
+inline std::string SolidPngTile(int size, uint8_t red, uint8_t green, uint8_t blue) {
+    TestImages::PngLayout layout;
+    layout.width = size;
+    layout.height = size;
+    layout.colorType = 2; // RGB
+    layout.rows.reserve(static_cast<size_t>(size) * size * 3);
+    for (int i = 0; i < size * size; ++i) {
+        layout.rows.push_back(red);
+        layout.rows.push_back(green);
+        layout.rows.push_back(blue);
+    }
+    const TestImages::Bytes bytes = TestImages::EncodePng(layout);
+    return std::string(bytes.begin(), bytes.end());
+}
 
 inline std::string SmallPngTile() {
     TestImages::PngLayout layout;
@@ -61,6 +79,17 @@ public:
                 res.set_content("", "image/png");
             } else if (kind == "bad") {
                 res.set_content("not an image at all", "image/png");
+            } else if (kind == "xyz" || kind == "x512" || kind == "x200" || kind == "hole") {
+                const int z = std::stoi(req.matches[2]), x = std::stoi(req.matches[3]), y = std::stoi(req.matches[4]);
+                if (kind == "hole" && x == y) {
+                    res.status = 404;
+                    res.set_content("no tile", "text/html");
+                    return;
+                }
+                const int size = kind == "x512" ? 512 : kind == "x200" ? 200 : 256;
+                res.set_content(SolidPngTile(size, static_cast<uint8_t>(x), static_cast<uint8_t>(y),
+                                             static_cast<uint8_t>(z)),
+                                "image/png");
             } else {
                 res.set_content(png_, "image/png");
             }

@@ -1,0 +1,114 @@
+#include <cstdio>
+#include <set>
+#include <sstream>
+#include <string>
+
+#include "MapServiceSupport.h"
+#include "TempDir.h"
+#include "TileServer.h"
+
+namespace {
+
+using namespace MapTests;
+
+// Names of the functions the shared library exports, from its dynamic symbol table.
+std::set<std::string> ExportedFunctions() {
+    std::set<std::string> names;
+    const std::string command = std::string("nm -D --defined-only ") + TELLAR_MAPS_LIBRARY;
+    FILE* pipe = ::popen(command.c_str(), "r");
+    if (!pipe) return names;
+    char line[1024];
+    while (std::fgets(line, sizeof line, pipe)) {
+        std::istringstream fields(line);
+        std::string address, type, name;
+        if (fields >> address >> type >> name) names.insert(type + " " + name);
+    }
+    ::pclose(pipe);
+    return names;
+}
+
+TEST(MapServiceFactory, LibraryExportsOnlyItsEntryPoints) {
+    const std::set<std::string> expected = {"T TellarSpatialMaps_CreateCachedMapServiceFromTmsUrl",
+                                            "T TellarSpatialMaps_CreateMapServiceFromTmsUrl",
+                                            "T TellarSpatialMaps_SetLogger"};
+    EXPECT_EQ(ExportedFunctions(), expected);
+}
+
+// The guards run in a fixed order: each row breaks one more rule than the rows below it fix.
+TEST(MapServiceFactory, GuardsReportInOrder) {
+    auto epsg = Epsg();
+    Core::Ptr<IMapService> filled = Service("http://127.0.0.1:9/t/{z}/{x}/{y}.png", 4326);
+    IMapService* occupied = filled.Raw();
+    IMapService* empty = nullptr;
+    struct Case {
+        Tellar::Interfaces::IEpsg* epsg;
+        const char* url;
+        uint32_t code;
+        IMapService** out;
+        std::string text;
+    };
+    const Case cases[] = {
+        {nullptr, nullptr, 1, nullptr, "Pointer of char must not be null!"},
+        {nullptr, "http://h/{z}", 1, nullptr,
+         "Pointer to a pointer of struct Tellar::Interfaces::IMapService must not be null! Address of return must be "
+         "specified!"},
+        {nullptr, "http://h/{z}", 1, &occupied,
+         "Pointer of struct Tellar::Interfaces::IMapService must be null in order to avoid memory leaks!"},
+        {nullptr, "http://h/{z}", 2056, &empty, "Only EPSG 4326 and 3857 are supported"},
+        {nullptr, "http://h/{z}", 3857, &empty,
+         "Null pointer exception! Interface is not accessible: struct Tellar::Interfaces::IEpsg"},
+    };
+    for (const Case& c : cases) {
+        for (const bool cached : {false, true}) {
+            Core::Ptr<Core::IErrorCode> error;
+            const bool made = cached ? TellarSpatialMaps_CreateCachedMapServiceFromTmsUrl(
+                                           c.epsg, "/tmp", c.url, c.code, c.out, error.ReceiveAddress())
+                                     : TellarSpatialMaps_CreateMapServiceFromTmsUrl(c.epsg, c.url, c.code, c.out,
+                                                                                    error.ReceiveAddress());
+            EXPECT_FALSE(made);
+            EXPECT_EQ(TextOf(error), c.text);
+        }
+    }
+    EXPECT_EQ(occupied, filled.Raw());
+    EXPECT_EQ(empty, nullptr);
+    // Without an error holder false is the only sign.
+    EXPECT_FALSE(TellarSpatialMaps_CreateMapServiceFromTmsUrl(epsg.Raw(), nullptr, 4326, &empty, nullptr));
+    EXPECT_FALSE(TellarSpatialMaps_CreateCachedMapServiceFromTmsUrl(epsg.Raw(), "/tmp", nullptr, 4326, &empty, nullptr));
+    EXPECT_EQ(empty, nullptr);
+}
+
+TEST(MapServiceFactory, BindsTheCrsOfTheCode) {
+    for (const uint32_t code : {4326u, 3857u}) {
+        auto service = Service("http://127.0.0.1:9/t/{z}/{x}/{y}.png", code);
+        ASSERT_TRUE(service.Raw());
+        EXPECT_EQ(service->GetCrs()->GetEpsgCode(), code);
+        EXPECT_EQ(service->GetTargetCrs(), nullptr);
+        EXPECT_STREQ(service->GetLayerName(), "Tiles");
+        EXPECT_NE(service->GetHttpClient(), nullptr);
+        auto target = Crs(4326);
+        service->SetTargetCrs(target.Raw());
+        EXPECT_EQ(service->GetTargetCrs(), target.Raw());
+        service->SetTargetCrs(nullptr);
+        EXPECT_EQ(service->GetTargetCrs(), nullptr);
+    }
+    // Logging needs nothing from the host: the call changes nothing and never fails.
+    TellarSpatialMaps_SetLogger(nullptr);
+}
+
+TEST(MapServiceFactory, PlainServiceNeverCaches) {
+    TestSupport::TileServer server;
+    // The cached factory with no directory is the plain one.
+    for (auto service : {Service(server.Template("t"), 4326), Service(server.Template("t"), 4326, nullptr)}) {
+        const int before = server.Requests();
+        for (int round = 0; round < 2; ++round) {
+            auto request = Tile(*service, 3, 1, 2);
+            auto response = Response(*request);
+            ASSERT_TRUE(response.Raw());
+            ASSERT_NE(response->GetHttpResponse(), nullptr);
+            EXPECT_EQ(response->GetHttpResponse()->GetStatusCode(), 200);
+        }
+        EXPECT_EQ(server.Requests() - before, 2);
+    }
+}
+
+} // namespace

@@ -1,0 +1,164 @@
+#include <cmath>
+#include <string>
+
+#include "MapServiceSupport.h"
+#include "TellarImaging/Exports.h"
+#include "TellarImaging/ITransform.h"
+#include "TempDir.h"
+#include "TileServer.h"
+
+namespace {
+
+using namespace MapTests;
+
+std::string DecodeFailureOf(const std::string& bytes) {
+    Core::Ptr<TellarImaging::IImage> image;
+    Core::Ptr<Core::IErrorCode> error;
+    CreateImageFromMemoryStream(bytes.data(), bytes.size(), image.ReceiveAddress(), error.ReceiveAddress());
+    return TextOf(error);
+}
+
+struct Params {
+    double scaleX = 0, scaleY = 0, originX = 0, originY = 0;
+};
+
+Params ParamsOf(TellarImaging::ITiffImage& image) {
+    Core::Ptr<TellarImaging::ITransform> transform;
+    EXPECT_TRUE(image.GetTransform(transform.ReceiveAddress(), nullptr));
+    Params p;
+    if (transform.Raw()) transform->GetParams(&p.scaleX, &p.scaleY, &p.originX, &p.originY, nullptr, nullptr);
+    return p;
+}
+
+// Tiles (0..1, 0..1) of zoom 1, 512 pixels each: the mosaic is pasted at twice the scale and
+// cut to the box through the first tile's transform.
+TEST(Mosaic, LargeTilesPasteAtTheirScale) {
+    TestSupport::TileServer server;
+    auto service = Service(server.Template("x512"), 4326);
+    auto box = Box(-179, -84, 179, 84);
+    const Mosaic mosaic = GetMosaic(*service, 1, box.Raw());
+    ASSERT_TRUE(mosaic.image.Raw()) << mosaic.failure;
+
+    // First tile: lon -180..0, lat 85.05..0 over 512 pixels.
+    const double top = 85.0511287798066;
+    const double scaleX = 180.0 / 512, scaleY = -top / 512;
+    const int32_t x0 = static_cast<int32_t>((-179 + 180) / scaleX);
+    const int32_t y0 = static_cast<int32_t>((84 - top) / scaleY);
+    EXPECT_EQ(mosaic.image->GetWidth(), static_cast<int32_t>((179 + 180) / scaleX - (-179 + 180) / scaleX));
+    EXPECT_EQ(mosaic.image->GetHeight(), static_cast<int32_t>((-84 - top) / scaleY - (84 - top) / scaleY));
+    EXPECT_EQ(mosaic.image->GetEpsgCode(), 4326u);
+    EXPECT_EQ(mosaic.image->GetSampleKind(), 2);
+    const Params p = ParamsOf(*mosaic.image);
+    EXPECT_DOUBLE_EQ(p.scaleX, scaleX);
+    EXPECT_DOUBLE_EQ(p.originX, -180 + x0 * scaleX);
+    EXPECT_DOUBLE_EQ(p.originY, top + y0 * scaleY);
+
+    // Red is the column, green the row of the tile each pixel came from.
+    EXPECT_EQ(Rgb(*mosaic.image, 0, 0), 0x000001u);
+    EXPECT_EQ(Rgb(*mosaic.image, 511 - x0, 511 - y0), 0x000001u);
+    EXPECT_EQ(Rgb(*mosaic.image, 512 - x0, 511 - y0), 0x010001u);
+    EXPECT_EQ(Rgb(*mosaic.image, 511 - x0, 512 - y0), 0x000101u);
+    EXPECT_EQ(Rgb(*mosaic.image, mosaic.image->GetWidth() - 1, mosaic.image->GetHeight() - 1), 0x010101u);
+}
+
+TEST(Mosaic, TilesBelow256PixelsGiveAnEmptyPicture) {
+    TestSupport::TileServer server;
+    auto service = Service(server.Template("x200"), 4326);
+    auto box = Box(-179, -84, 179, 84);
+    const Mosaic mosaic = GetMosaic(*service, 1, box.Raw());
+    ASSERT_TRUE(mosaic.image.Raw()) << mosaic.failure;
+    EXPECT_EQ(mosaic.image->GetWidth(), 0);
+    EXPECT_EQ(mosaic.image->GetHeight(), 0);
+}
+
+// A tile answered with 404 has no picture to paste: both forms fail with the decoder's text.
+TEST(Mosaic, MissingTileFailsBothForms) {
+    TestSupport::TileServer server;
+    auto service = Service(server.Template("hole"), 4326);
+    auto box = Box(-179, -84, 179, 84);
+    const std::string expected = DecodeFailureOf("no tile");
+    ASSERT_NE(expected, "<no error>");
+    EXPECT_EQ(GetMosaic(*service, 1, box.Raw(), false).failure, expected);
+    EXPECT_EQ(GetMosaic(*service, 1, box.Raw(), true).failure, expected);
+}
+
+TEST(Mosaic, BestEffortAsksForEveryTileTwice) {
+    TestSupport::TileServer server;
+    auto service = Service(server.Template("xyz"), 4326);
+    auto box = Box(-179, -84, 179, 84);
+    const Mosaic mosaic = GetMosaic(*service, 1, box.Raw(), true);
+    ASSERT_TRUE(mosaic.image.Raw()) << mosaic.failure;
+    EXPECT_EQ(server.Requests(), 8);
+    EXPECT_EQ(Rgb(*mosaic.image, mosaic.image->GetWidth() - 1, mosaic.image->GetHeight() - 1), 0x010101u);
+}
+
+TEST(Mosaic, GuardsComeFirst) {
+    auto service = Service("http://127.0.0.1:9/t/{z}/{x}/{y}.png", 4326);
+    Core::Ptr<TellarImaging::ITiffImage> image;
+    for (const bool bestEffort : {false, true}) {
+        EXPECT_EQ(GetMosaic(*service, 1, nullptr, bestEffort).failure,
+                  "Pointer of struct Tellar::Interfaces::IBoundingBox2d must not be null!");
+        Core::Ptr<Core::IErrorCode> error;
+        auto box = Box(0, 0, 1, 1);
+        EXPECT_FALSE(bestEffort ? service->GetImageBestEffort(1, box.Raw(), nullptr, error.ReceiveAddress())
+                                : service->GetImage(1, box.Raw(), nullptr, error.ReceiveAddress()));
+        EXPECT_EQ(TextOf(error), "Pointer to a pointer of struct TellarImaging::ITiffImage must not be null! Address "
+                                 "of return must be specified!");
+    }
+}
+
+// A geographic service seen in Web Mercator: the picture is reprojected, keeps its tiles in
+// place and is cut to the box in metres.
+TEST(Mosaic, ReprojectedIntoTheTargetCrs) {
+    TestSupport::TileServer server;
+    TestSupport::TempDir cache;
+    auto service = Service(server.Template("xyz"), 4326, cache.Path().c_str());
+    service->SetTargetCrs(Crs(3857).Raw());
+    // Lon 1..89, lat 1..44 in metres: tiles (4..5, 2..3) of zoom 3.
+    auto box = Box(111319.49, 111325.14, 9907434.68, 5465442.18);
+    const Mosaic mosaic = GetMosaic(*service, 3, box.Raw());
+    ASSERT_TRUE(mosaic.image.Raw()) << mosaic.failure;
+    EXPECT_EQ(mosaic.image->GetEpsgCode(), 3857u);
+    const Params p = ParamsOf(*mosaic.image);
+    EXPECT_GT(mosaic.image->GetWidth(), 100);
+    EXPECT_GT(mosaic.image->GetHeight(), 100);
+    // The corners come from the tiles on the box's corners.
+    EXPECT_NEAR(p.originX, 111319.49, std::fabs(p.scaleX) * 2);
+    const int32_t w = mosaic.image->GetWidth(), h = mosaic.image->GetHeight();
+    EXPECT_EQ(Rgb(*mosaic.image, 2, 2), 0x040203u);
+    EXPECT_EQ(Rgb(*mosaic.image, w - 3, h - 3), 0x050303u);
+    // Tile edges in metres: column 5 starts at lon 45, row 3 at the latitude of its top edge.
+    const double pi = 3.14159265358979;
+    const double edgeX = 45.0 * 6378137.0 * pi / 180.0;
+    const double edgeLatitude = std::atan(std::sinh(pi / 4));
+    const double edgeY = 6378137.0 * std::log(std::tan(pi / 4 + edgeLatitude / 2));
+    const auto column = static_cast<int32_t>((edgeX - p.originX) / p.scaleX);
+    const auto row = static_cast<int32_t>((edgeY - p.originY) / p.scaleY);
+    EXPECT_EQ(Rgb(*mosaic.image, column - 2, row - 2), 0x040203u);
+    EXPECT_EQ(Rgb(*mosaic.image, column + 2, row - 2), 0x050203u);
+    EXPECT_EQ(Rgb(*mosaic.image, column - 2, row + 2), 0x040303u);
+    EXPECT_EQ(Rgb(*mosaic.image, column + 2, row + 2), 0x050303u);
+    EXPECT_EQ(server.Requests(), 4);
+
+    // The same box again comes from the cache alone.
+    const Mosaic again = GetMosaic(*service, 3, box.Raw());
+    ASSERT_TRUE(again.image.Raw()) << again.failure;
+    EXPECT_EQ(again.image->GetWidth(), w);
+    EXPECT_EQ(server.Requests(), 4);
+}
+
+// A Web-Mercator service carries the degrees of its tiles under its own code, so a picture
+// reprojected from it into 4326 lands far from the box and is cut to nothing.
+TEST(Mosaic, MercatorServiceToGeographicTarget) {
+    TestSupport::TileServer server;
+    auto service = Service(server.Template("xyz"), 3857);
+    service->SetTargetCrs(Crs(4326).Raw());
+    auto box = Box(1, 1, 89, 44);
+    const Mosaic mosaic = GetMosaic(*service, 3, box.Raw());
+    ASSERT_TRUE(mosaic.image.Raw()) << mosaic.failure;
+    EXPECT_EQ(server.Requests(), 4);
+    EXPECT_EQ(mosaic.image->GetEpsgCode(), 4326u);
+    EXPECT_EQ(static_cast<int64_t>(mosaic.image->GetWidth()) * mosaic.image->GetHeight(), 0);
+}
+
+} // namespace

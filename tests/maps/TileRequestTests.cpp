@@ -1,0 +1,167 @@
+#include <filesystem>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "MapServiceSupport.h"
+#include "TempDir.h"
+#include "TileServer.h"
+
+namespace {
+
+using namespace MapTests;
+
+size_t FilesUnder(const std::filesystem::path& root) {
+    size_t count = 0;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) count += entry.is_regular_file();
+    return count;
+}
+
+std::vector<double> BoundsOf(ITileRequest& request) {
+    Core::Ptr<Tellar::Interfaces::IBoundingBox2d> box;
+    EXPECT_TRUE(request.GetBounds(box.ReceiveAddress(), nullptr));
+    std::vector<double> values(4);
+    box->GetValues(&values[0], &values[1], &values[2], &values[3]);
+    return values;
+}
+
+TEST(TileRequests, CachedServiceMissesThenHitsWithoutNetwork) {
+    TestSupport::TileServer server;
+    TestSupport::TempDir cache;
+    auto service = Service(server.Template("xyz"), 3857, cache.Path().c_str());
+
+    auto first = Tile(*service, 4, 5, 6);
+    auto fetched = Response(*first);
+    ASSERT_TRUE(fetched.Raw());
+    EXPECT_TRUE(first->IsFinished());
+    EXPECT_FALSE(first->IsRunning());
+    ASSERT_NE(fetched->GetHttpResponse(), nullptr);
+    EXPECT_EQ(server.Requests(), 1);
+    EXPECT_EQ(FilesUnder(cache.Path()), 1u);
+
+    auto second = Tile(*service, 4, 5, 6);
+    EXPECT_TRUE(second->IsFinished());
+    EXPECT_FALSE(second->IsRunning());
+    auto hit = Response(*second);
+    ASSERT_TRUE(hit.Raw());
+    EXPECT_EQ(hit->GetHttpResponse(), nullptr);
+    EXPECT_EQ(server.Requests(), 1);
+
+    // Both responses decode to the same tile, georeferenced alike.
+    for (auto& response : {fetched, hit}) {
+        Core::Ptr<TellarImaging::IImage> image;
+        ASSERT_TRUE(response->GetImage(image.ReceiveAddress(), nullptr));
+        EXPECT_EQ(Rgb(*image, 10, 10), 0x050604u);
+        Core::Ptr<TellarImaging::ITransform> transform;
+        ASSERT_TRUE(response->GetTransform(transform.ReceiveAddress(), nullptr));
+        double scaleX = 0, originX = 0, originY = 0;
+        transform->GetParams(&scaleX, nullptr, &originX, &originY, nullptr, nullptr);
+        EXPECT_DOUBLE_EQ(originX, 5.0 / 16 * 360 - 180);
+        EXPECT_DOUBLE_EQ(scaleX, 360.0 / 16 / 256);
+        EXPECT_EQ(response->GetEpsgCode(), 3857);
+        EXPECT_EQ(response->GetZoom(), 4);
+        EXPECT_EQ(response->GetX(), 5);
+        EXPECT_EQ(response->GetY(), 6);
+    }
+
+    // A cancelled cache hit does nothing but refuse its response.
+    auto third = Tile(*service, 4, 5, 6);
+    third->Cancel();
+    EXPECT_TRUE(third->IsFinished());
+    EXPECT_EQ(ResponseFailure(*third), "Request was already cancelled");
+    EXPECT_EQ(server.Requests(), 1);
+}
+
+TEST(TileRequests, FailedStatusIsNotCached) {
+    TestSupport::TileServer server;
+    TestSupport::TempDir cache;
+    auto service = Service(server.Template("404"), 4326, cache.Path().c_str());
+    for (int round = 1; round <= 2; ++round) {
+        auto request = Tile(*service, 2, 1, 1);
+        auto response = Response(*request);
+        ASSERT_TRUE(response.Raw());
+        EXPECT_EQ(response->GetHttpResponse()->GetStatusCode(), 404);
+        EXPECT_EQ(server.Requests(), round);
+    }
+    EXPECT_EQ(FilesUnder(cache.Path()), 0u);
+}
+
+TEST(TileRequests, CancelledDownloadRefusesItsResponse) {
+    TestSupport::TileServer server;
+    auto service = Service(server.Template("slow"), 4326);
+    auto request = Tile(*service, 2, 1, 1);
+    request->Cancel();
+    EXPECT_EQ(ResponseFailure(*request), "Request was already cancelled");
+}
+
+TEST(TileRequests, BoundsAreDegreesForBothCodes) {
+    for (const uint32_t code : {4326u, 3857u}) {
+        auto service = Service("http://127.0.0.1:9/t/{z}/{x}/{y}.png", code);
+        auto request = Tile(*service, 1, 1, 0);
+        const std::vector<double> bounds = BoundsOf(*request);
+        EXPECT_DOUBLE_EQ(bounds[0], 0.0);
+        EXPECT_NEAR(bounds[1], 0.0, 1e-9);
+        EXPECT_DOUBLE_EQ(bounds[2], 180.0);
+        EXPECT_NEAR(bounds[3], 85.0511287798, 1e-9);
+    }
+}
+
+std::vector<std::pair<int64_t, int64_t>> Addresses(Data::Interfaces::IObjectList& list) {
+    std::vector<std::pair<int64_t, int64_t>> addresses;
+    for (uint64_t i = 0; i < list.GetCount(); ++i) {
+        auto* request = dynamic_cast<ITileRequest*>(list.GetItem(i));
+        addresses.emplace_back(request->GetX(), request->GetY());
+    }
+    return addresses;
+}
+
+TEST(TileRequests, RangesGoColumnByColumn) {
+    TestSupport::TileServer server;
+    auto service = Service(server.Template("xyz"), 4326);
+    Core::Ptr<Data::Interfaces::IObjectList> list;
+    ASSERT_TRUE(service->GetTilesForRange(3, 2, 5, 3, 7, list.ReceiveAddress(), nullptr));
+    const std::vector<std::pair<int64_t, int64_t>> expected = {{2, 5}, {2, 6}, {2, 7}, {3, 5}, {3, 6}, {3, 7}};
+    EXPECT_EQ(Addresses(*list), expected);
+    // Every download started before the first response is read.
+    for (uint64_t i = 0; i < list->GetCount(); ++i) Response(*dynamic_cast<ITileRequest*>(list->GetItem(i)));
+    EXPECT_EQ(server.Requests(), 6);
+
+    Core::Ptr<Data::Interfaces::IObjectList> one, none;
+    ASSERT_TRUE(service->GetTilesForRange(3, 4, 4, 4, 4, one.ReceiveAddress(), nullptr));
+    EXPECT_EQ(one->GetCount(), 1u);
+    ASSERT_TRUE(service->GetTilesForRange(3, 5, 0, 4, 0, none.ReceiveAddress(), nullptr));
+    EXPECT_EQ(none->GetCount(), 0u);
+}
+
+TEST(TileRequests, BoxesAreReadInTheCallersCrs) {
+    TestSupport::TileServer server;
+    const std::vector<std::pair<int64_t, int64_t>> expected = {{16, 10}, {16, 11}, {16, 12}};
+
+    // Degrees to a 4326 service; metres to a 3857 service; degrees again once 4326 is the target.
+    auto geographic = Service(server.Template("xyz"), 4326);
+    auto mercator = Service(server.Template("xyz"), 3857);
+    auto targeted = Service(server.Template("xyz"), 3857);
+    targeted->SetTargetCrs(Crs(4326).Raw());
+    const struct {
+        IMapService* service;
+        Core::Ptr<Tellar::Interfaces::IBoundingBox2d> box;
+    } cases[] = {
+        {geographic.Raw(), Box(0.5, 40, 10, 50)},
+        {mercator.Raw(), Box(55659.75, 4865942.28, 1113194.91, 6446275.84)},
+        {targeted.Raw(), Box(0.5, 40, 10, 50)},
+    };
+    for (const auto& c : cases) {
+        Core::Ptr<Data::Interfaces::IObjectList> list;
+        Core::Ptr<Core::IErrorCode> error;
+        ASSERT_TRUE(c.service->GetTilesForBox(5, c.box.Raw(), list.ReceiveAddress(), error.ReceiveAddress()))
+            << TextOf(error);
+        EXPECT_EQ(Addresses(*list), expected);
+    }
+
+    Core::Ptr<Data::Interfaces::IObjectList> list;
+    Core::Ptr<Core::IErrorCode> error;
+    EXPECT_FALSE(geographic->GetTilesForBox(5, nullptr, list.ReceiveAddress(), error.ReceiveAddress()));
+    EXPECT_EQ(TextOf(error), "Pointer of struct Tellar::Interfaces::IBoundingBox2d must not be null!");
+}
+
+} // namespace
