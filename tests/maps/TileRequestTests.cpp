@@ -5,6 +5,7 @@
 
 #include "MapServiceSupport.h"
 #include "TempDir.h"
+#include "TestServer.h"
 #include "TileServer.h"
 
 namespace {
@@ -83,6 +84,21 @@ TEST(TileRequests, FailedStatusIsNotCached) {
         EXPECT_EQ(response->GetHttpResponse()->GetStatusCode(), 404);
         EXPECT_EQ(server.Requests(), round);
     }
+    EXPECT_EQ(FilesUnder(cache.Path()), 0u);
+}
+
+// A body cut short never reaches the cache, whatever the status line said.
+TEST(TileRequests, TruncatedTileIsNotCached) {
+    TestSupport::RawServer truncated([](int fd, const std::string&) {
+        TestSupport::RawServer::SendAll(fd, "HTTP/1.1 200 OK\r\nContent-Type: image/png\r\nContent-Length: 100\r\n\r\n0123");
+    });
+    TestSupport::TempDir cache;
+    auto service = Service(truncated.Base() + "/{z}/{x}/{y}.png", 4326, cache.Path().c_str());
+    auto request = Tile(*service, 2, 1, 1);
+    Core::Ptr<ITileResponse> response;
+    Core::Ptr<Core::IErrorCode> error;
+    EXPECT_FALSE(request->GetResponse(response.ReceiveAddress(), error.ReceiveAddress()));
+    EXPECT_EQ(TextOf(error), "Unknown exception");
     EXPECT_EQ(FilesUnder(cache.Path()), 0u);
 }
 
