@@ -3,7 +3,6 @@
 // PNG decoding, pasting, cropping), and the cache reads alone (GetTilesForBox + GetResponse).
 #include <benchmark/benchmark.h>
 #include <httplib.h>
-
 #include <unistd.h>
 
 #include <chrono>

@@ -61,8 +61,8 @@ TEST(MapServiceFactory, GuardsReportInOrder) {
     for (const Case& c : cases) {
         for (const bool cached : {false, true}) {
             Core::Ptr<Core::IErrorCode> error;
-            const bool made = cached ? TellarSpatialMaps_CreateCachedMapServiceFromTmsUrl(
-                                           c.epsg, "/tmp", c.url, c.code, c.out, error.ReceiveAddress())
+            const bool made = cached ? TellarSpatialMaps_CreateCachedMapServiceFromTmsUrl(c.epsg, "/tmp", c.url, c.code,
+                                                                                          c.out, error.ReceiveAddress())
                                      : TellarSpatialMaps_CreateMapServiceFromTmsUrl(c.epsg, c.url, c.code, c.out,
                                                                                     error.ReceiveAddress());
             EXPECT_FALSE(made);
@@ -73,7 +73,8 @@ TEST(MapServiceFactory, GuardsReportInOrder) {
     EXPECT_EQ(empty, nullptr);
     // Without an error holder false is the only sign.
     EXPECT_FALSE(TellarSpatialMaps_CreateMapServiceFromTmsUrl(epsg.Raw(), nullptr, 4326, &empty, nullptr));
-    EXPECT_FALSE(TellarSpatialMaps_CreateCachedMapServiceFromTmsUrl(epsg.Raw(), "/tmp", nullptr, 4326, &empty, nullptr));
+    EXPECT_FALSE(
+        TellarSpatialMaps_CreateCachedMapServiceFromTmsUrl(epsg.Raw(), "/tmp", nullptr, 4326, &empty, nullptr));
     EXPECT_EQ(empty, nullptr);
 }
 

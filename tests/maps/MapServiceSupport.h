@@ -1,10 +1,10 @@
 #pragma once
 // Helpers of the map-service tests: the CRS database, boxes, services made through the
 // library's exports, and tile responses taken or their failure texts.
+#include <gtest/gtest.h>
+
 #include <cstdint>
 #include <string>
-
-#include <gtest/gtest.h>
 
 #include "Core/AbiGuard.h"
 #include "Core/Ptr.h"

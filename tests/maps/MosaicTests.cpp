@@ -71,6 +71,20 @@ TEST(Mosaic, TilesBelow256PixelsGiveAnEmptyPicture) {
     EXPECT_EQ(mosaic.image->GetHeight(), 0);
 }
 
+// Tiles larger than the first are cut at the edge of the picture instead of overrunning it.
+TEST(Mosaic, LargerTilesAreCut) {
+    TestSupport::TileServer server;
+    auto service = Service(server.Template("grow"), 4326);
+    auto box = Box(-179, -84, 179, 84);
+    const Mosaic mosaic = GetMosaic(*service, 1, box.Raw());
+    ASSERT_TRUE(mosaic.image.Raw()) << mosaic.failure;
+    const int32_t w = mosaic.image->GetWidth(), h = mosaic.image->GetHeight();
+    EXPECT_LT(w, 512);
+    EXPECT_EQ(Rgb(*mosaic.image, 0, 0), 0x000001u);
+    EXPECT_EQ(Rgb(*mosaic.image, w - 1, 0), 0x010001u);
+    EXPECT_EQ(Rgb(*mosaic.image, w - 1, h - 1), 0x010101u);
+}
+
 // A tile answered with 404 has no picture to paste: both forms fail with the decoder's text.
 TEST(Mosaic, MissingTileFailsBothForms) {
     TestSupport::TileServer server;
@@ -102,8 +116,9 @@ TEST(Mosaic, GuardsComeFirst) {
         auto box = Box(0, 0, 1, 1);
         EXPECT_FALSE(bestEffort ? service->GetImageBestEffort(1, box.Raw(), nullptr, error.ReceiveAddress())
                                 : service->GetImage(1, box.Raw(), nullptr, error.ReceiveAddress()));
-        EXPECT_EQ(TextOf(error), "Pointer to a pointer of struct TellarImaging::ITiffImage must not be null! Address "
-                                 "of return must be specified!");
+        EXPECT_EQ(TextOf(error),
+                  "Pointer to a pointer of struct TellarImaging::ITiffImage must not be null! Address "
+                  "of return must be specified!");
     }
 }
 

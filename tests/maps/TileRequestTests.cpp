@@ -90,7 +90,8 @@ TEST(TileRequests, FailedStatusIsNotCached) {
 // A body cut short never reaches the cache, whatever the status line said.
 TEST(TileRequests, TruncatedTileIsNotCached) {
     TestSupport::RawServer truncated([](int fd, const std::string&) {
-        TestSupport::RawServer::SendAll(fd, "HTTP/1.1 200 OK\r\nContent-Type: image/png\r\nContent-Length: 100\r\n\r\n0123");
+        TestSupport::RawServer::SendAll(
+            fd, "HTTP/1.1 200 OK\r\nContent-Type: image/png\r\nContent-Length: 100\r\n\r\n0123");
     });
     TestSupport::TempDir cache;
     auto service = Service(truncated.Base() + "/{z}/{x}/{y}.png", 4326, cache.Path().c_str());

@@ -7,6 +7,7 @@
 //   /slow/...             a PNG tile after 300 ms          /bad/...    bytes that are no image
 //   /xyz/...              a 256-pixel tile of one colour: red x, green y, blue z (each mod 256)
 //   /x512/..., /x200/...  the same, 512 or 200 pixels wide   /hole/...   /xyz/, but 404 where x == y
+//   /grow/...             /xyz/, but 512 pixels wide in odd columns
 #include <httplib.h>
 #include <sys/socket.h>
 
@@ -79,17 +80,17 @@ public:
                 res.set_content("", "image/png");
             } else if (kind == "bad") {
                 res.set_content("not an image at all", "image/png");
-            } else if (kind == "xyz" || kind == "x512" || kind == "x200" || kind == "hole") {
+            } else if (kind == "xyz" || kind == "x512" || kind == "x200" || kind == "hole" || kind == "grow") {
                 const int z = std::stoi(req.matches[2]), x = std::stoi(req.matches[3]), y = std::stoi(req.matches[4]);
                 if (kind == "hole" && x == y) {
                     res.status = 404;
                     res.set_content("no tile", "text/html");
                     return;
                 }
-                const int size = kind == "x512" ? 512 : kind == "x200" ? 200 : 256;
-                res.set_content(SolidPngTile(size, static_cast<uint8_t>(x), static_cast<uint8_t>(y),
-                                             static_cast<uint8_t>(z)),
-                                "image/png");
+                const int size = kind == "x512" || (kind == "grow" && x % 2 == 1) ? 512 : kind == "x200" ? 200 : 256;
+                res.set_content(
+                    SolidPngTile(size, static_cast<uint8_t>(x), static_cast<uint8_t>(y), static_cast<uint8_t>(z)),
+                    "image/png");
             } else {
                 res.set_content(png_, "image/png");
             }

@@ -25,8 +25,7 @@ struct ITileRequest;
 // caller's thread.
 struct IMapService : Core::IObject {
     // Starts the tile's download at once, or finds it in the cache.
-    virtual bool GetTile(int32_t zoom, int64_t x, int64_t y, ITileRequest** ppRequest,
-                         Core::IErrorCode** ppError) = 0;
+    virtual bool GetTile(int32_t zoom, int64_t x, int64_t y, ITileRequest** ppRequest, Core::IErrorCode** ppError) = 0;
     // The requests (ITileRequest) of every tile of the box, column by column.
     virtual bool GetTilesForBox(int32_t zoom, IBoundingBox2d* box, Data::Interfaces::IObjectList** ppList,
                                 Core::IErrorCode** ppError) = 0;
@@ -51,7 +50,6 @@ struct IMapService : Core::IObject {
     // As GetImage, but a tile whose download fails is left out where it can be.
     virtual bool GetImageBestEffort(int32_t zoom, IBoundingBox2d* box, TellarImaging::ITiffImage** ppImage,
                                     Core::IErrorCode** ppError) = 0;
-
 };
 
 } // namespace Tellar::Interfaces

@@ -25,7 +25,6 @@ struct ITileRequest : Core::IObject {
     // cached service.
     virtual bool GetResponse(ITileResponse** ppResponse, Core::IErrorCode** ppError) = 0;
     virtual bool GetBounds(IBoundingBox2d** ppBox, Core::IErrorCode** ppError) = 0;
-
 };
 
 } // namespace Tellar::Interfaces

@@ -30,7 +30,6 @@ struct ITileResponse : Core::IObject {
     // Borrowed; null for a tile read from the cache.
     virtual Platform::Interfaces::IHttpResponse* GetHttpResponse() = 0;
     virtual int32_t GetEpsgCode() = 0;
-
 };
 
 } // namespace Tellar::Interfaces

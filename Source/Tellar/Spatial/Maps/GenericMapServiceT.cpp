@@ -82,8 +82,7 @@ MapServices::TileRange GenericMapServiceT<I>::BoxToTileRange(int32_t zoom, Bound
         for (int i = 0; i < 4; ++i) box.Extend(corners[i * 4], corners[i * 4 + 1]);
     }
     switch (serviceCrs_->GetEpsgCode()) {
-    case 4326:
-        return fetcher_->GetTileRange(box, zoom);
+    case 4326: return fetcher_->GetTileRange(box, zoom);
     case 3857: {
         BoundingBoxValue degrees;
         degrees.minX = MercatorToLongitude(box.minX);
@@ -92,8 +91,7 @@ MapServices::TileRange GenericMapServiceT<I>::BoxToTileRange(int32_t zoom, Bound
         degrees.maxY = MercatorToLatitude(box.maxY);
         return fetcher_->GetTileRange(degrees, zoom);
     }
-    default:
-        return TileMatrixRange(WmtsMatrix(zoom), box);
+    default: return TileMatrixRange(WmtsMatrix(zoom), box);
     }
 }
 

@@ -43,8 +43,8 @@ public:
     Tellar::Interfaces::ICrs* GetTargetCrs() override { return targetCrs_.Raw(); }
     void SetTargetCrs(Tellar::Interfaces::ICrs* crs) override;
     Platform::Interfaces::IHttpClient* GetHttpClient() override;
-    bool GetImageBestEffort(int32_t zoom, Tellar::Interfaces::IBoundingBox2d* box,
-                            TellarImaging::ITiffImage** ppImage, Core::IErrorCode** ppError) override;
+    bool GetImageBestEffort(int32_t zoom, Tellar::Interfaces::IBoundingBox2d* box, TellarImaging::ITiffImage** ppImage,
+                            Core::IErrorCode** ppError) override;
 
     // The tiles that cover a box given in the caller's CRS.
     MapServices::TileRange BoxToTileRange(int32_t zoom, MapServices::BoundingBoxValue box);
@@ -65,8 +65,7 @@ protected:
 private:
     Core::Ptr<Tellar::Interfaces::ITileRequest> MakeTileRequest(int32_t zoom, int64_t x, int64_t y);
     Core::Ptr<Data::Interfaces::IObjectList> MakeTileList(int32_t zoom, const MapServices::TileRange& range);
-    TellarImaging::ITiffImage* MakeMosaic(int32_t zoom, const MapServices::BoundingBoxValue& box,
-                                          bool bestEffort);
+    TellarImaging::ITiffImage* MakeMosaic(int32_t zoom, const MapServices::BoundingBoxValue& box, bool bestEffort);
     void RenewTransformation();
     const MapServices::Wmts::WmtsTileMatrix& WmtsMatrix(int32_t zoom);
 

@@ -13,8 +13,8 @@ namespace Tellar::Spatial::Maps::impl {
 
 namespace {
 
-using TellarImaging::ImageBase;
 using TellarImaging::IImage;
+using TellarImaging::ImageBase;
 using TellarImaging::ITiffImage;
 using TellarImaging::ITransform;
 

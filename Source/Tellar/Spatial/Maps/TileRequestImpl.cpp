@@ -57,7 +57,12 @@ TileRequestImpl::TileRequestImpl(int32_t zoom, int64_t x, int64_t y, const MapSe
 TileRequestImpl::TileRequestImpl(Platform::Network::Http::HttpRequest request, int32_t zoom, int64_t x, int64_t y,
                                  const MapServices::BoundingBoxValue& bounds, int32_t epsgCode,
                                  std::string cacheFilePath)
-    : httpRequest_(std::move(request)), zoom_(zoom), x_(x), y_(y), bounds_(bounds), epsgCode_(epsgCode),
+    : httpRequest_(std::move(request)),
+      zoom_(zoom),
+      x_(x),
+      y_(y),
+      bounds_(bounds),
+      epsgCode_(epsgCode),
       cacheFilePath_(std::move(cacheFilePath)) {
     if (!httpRequest_->GetResponseAsync(task_.ReceiveAddress())) throw std::runtime_error("Failed to create response!");
 }
@@ -118,8 +123,7 @@ Core::Ptr<Tellar::Interfaces::ITileResponse> TileRequestImpl::AwaitDownload() co
             MapServices::WriteCacheFile(response, cacheFilePath_);
     }
     return Core::MakeObject<TileResponseImpl>(Core::Ptr<Platform::Interfaces::IHttpResponse>(response.Get()),
-                                              Core::Ptr<Data::Interfaces::IArray>(), bounds_, epsgCode_, zoom_, x_,
-                                              y_);
+                                              Core::Ptr<Data::Interfaces::IArray>(), bounds_, epsgCode_, zoom_, x_, y_);
 }
 
 bool TileRequestImpl::GetResponse(Tellar::Interfaces::ITileResponse** ppResponse, Core::IErrorCode** ppError) {

@@ -17,8 +17,8 @@ namespace Tellar::Spatial::Maps::impl {
 class TileRequestImpl final : public Core::ObjectImplBase<Tellar::Interfaces::ITileRequest> {
 public:
     // A tile found in the cache: no network at all.
-    TileRequestImpl(int32_t zoom, int64_t x, int64_t y, const MapServices::BoundingBoxValue& bounds,
-                    int32_t epsgCode, std::string cacheFilePath);
+    TileRequestImpl(int32_t zoom, int64_t x, int64_t y, const MapServices::BoundingBoxValue& bounds, int32_t epsgCode,
+                    std::string cacheFilePath);
     // A tile to download; sends `request` at once. `cacheFilePath` empty means no caching.
     TileRequestImpl(Platform::Network::Http::HttpRequest request, int32_t zoom, int64_t x, int64_t y,
                     const MapServices::BoundingBoxValue& bounds, int32_t epsgCode, std::string cacheFilePath);

@@ -21,8 +21,13 @@ TileResponseImpl::TileResponseImpl(Core::Ptr<Platform::Interfaces::IHttpResponse
                                    Core::Ptr<Data::Interfaces::IArray> fileData,
                                    const MapServices::BoundingBoxValue& bounds, int32_t epsgCode, int32_t zoom,
                                    int64_t x, int64_t y)
-    : httpResponse_(std::move(httpResponse)), fileData_(std::move(fileData)), bounds_(bounds), epsgCode_(epsgCode),
-      zoom_(zoom), x_(x), y_(y) {}
+    : httpResponse_(std::move(httpResponse)),
+      fileData_(std::move(fileData)),
+      bounds_(bounds),
+      epsgCode_(epsgCode),
+      zoom_(zoom),
+      x_(x),
+      y_(y) {}
 
 Core::Ptr<TellarImaging::IImage> TileResponseImpl::Decode() {
     const void* data = nullptr;

@@ -30,4 +30,4 @@ struct BoundingBoxValue {
     friend bool operator==(const BoundingBoxValue&, const BoundingBoxValue&) = default;
 };
 
-}  // namespace MapServices
+} // namespace MapServices

@@ -118,4 +118,4 @@ private:
     std::unique_ptr<rapidxml::xml_document<char>> document_;
 };
 
-}  // namespace MapServices
+} // namespace MapServices
