@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
@@ -39,6 +40,11 @@ std::string ReliefPng(int32_t z, int32_t x, int32_t y) {
     return std::string(bytes.begin(), bytes.end());
 }
 
+[[noreturn]] void Fail(const Ptr<Core::IErrorCode>& error) {
+    std::fprintf(stderr, "mosaic_bench: %s\n", error.Raw() ? error->GetMessage() : "failed");
+    std::exit(1);
+}
+
 // A cached service over a filled cache; the server that filled it is gone.
 struct Fixture {
     std::filesystem::path cache;
@@ -67,9 +73,9 @@ struct Fixture {
         Ptr<Core::IErrorCode> error;
         if (!TellarSpatialMaps_CreateCachedMapServiceFromTmsUrl(epsg.Raw(), cache.c_str(), url.c_str(), 4326,
                                                                 service.ReceiveAddress(), error.ReceiveAddress()))
-            std::abort();
+            Fail(error);
         Ptr<TellarImaging::ITiffImage> warmUp;
-        if (!service->GetImage(kZoom, box.Raw(), warmUp.ReceiveAddress(), nullptr)) std::abort();
+        if (!service->GetImage(kZoom, box.Raw(), warmUp.ReceiveAddress(), error.ReceiveAddress())) Fail(error);
         server.stop();
         thread.join();
 

@@ -18,7 +18,7 @@ Raster::Raster(int64_t w, int64_t h, int32_t spp, int32_t bps) {
     height = int32_t(h);
     samplesPerPixel = spp;
     bitsPerSample = bps;
-    data.assign(size_t(bytes), 0);
+    data = PixelBuffer(size_t(bytes));
 }
 
 Raster Raster::Copy(int32_t x, int32_t y, int32_t w, int32_t h) const {

@@ -1,9 +1,13 @@
 #pragma once
 // The pixel store behind every image, and the helpers shared by the codecs.
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <new>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "TellarImaging/IImage.h"
@@ -13,12 +17,42 @@ namespace TellarImaging::impl {
 // Decoded images larger than this are refused: a corrupt header must not ask for the moon.
 inline constexpr uint64_t MaxRasterBytes = uint64_t(1) << 32;
 
+// Zero-filled pixel bytes from calloc: a large block comes as fresh pages, zero without a pass
+// over them, so a picture that is written over anyway (decoding, pasting) costs no extra fill.
+class PixelBuffer {
+public:
+    PixelBuffer() = default;
+    explicit PixelBuffer(size_t size) : size_(size) {
+        if (size == 0) return;
+        bytes_.reset(static_cast<uint8_t*>(std::calloc(size, 1)));
+        if (!bytes_) throw std::bad_alloc();
+    }
+    PixelBuffer(PixelBuffer&& other) noexcept
+        : bytes_(std::move(other.bytes_)), size_(std::exchange(other.size_, 0)) {}
+    PixelBuffer& operator=(PixelBuffer&& other) noexcept {
+        bytes_ = std::move(other.bytes_);
+        size_ = std::exchange(other.size_, 0);
+        return *this;
+    }
+
+    uint8_t* data() { return bytes_.get(); }
+    const uint8_t* data() const { return bytes_.get(); }
+    size_t size() const { return size_; }
+
+private:
+    struct Free {
+        void operator()(uint8_t* p) const { std::free(p); }
+    };
+    std::unique_ptr<uint8_t[], Free> bytes_;
+    size_t size_ = 0;
+};
+
 struct Raster {
     int32_t width = 0;
     int32_t height = 0;
     int32_t samplesPerPixel = 0;
     int32_t bitsPerSample = 0;
-    std::vector<uint8_t> data; // packed rows, zero-filled on allocation
+    PixelBuffer data; // packed rows, zero-filled on allocation
 
     Raster() = default;
     // Checks the size and allocates; throws for a size out of range.

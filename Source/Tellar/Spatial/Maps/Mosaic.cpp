@@ -1,6 +1,9 @@
 #include "Tellar/Spatial/Maps/Mosaic.h"
 
 #include <algorithm>
+#include <atomic>
+#include <exception>
+#include <thread>
 #include <cmath>
 #include <cstring>
 
@@ -17,6 +20,9 @@ using TellarImaging::IImage;
 using TellarImaging::ImageBase;
 using TellarImaging::ITiffImage;
 using TellarImaging::ITransform;
+
+// Tiles a decoding thread takes in one batch; a thread is worth starting for that many.
+constexpr size_t TilesPerThread = 16;
 
 Core::Ptr<IImage> DecodeTile(Tellar::Interfaces::ITileResponse& response) {
     Core::Ptr<IImage> image;
@@ -60,6 +66,46 @@ void PasteTile(const ImageBase& tile, const ImageBase& target, int64_t left, int
     }
 }
 
+// Decodes the tiles on a few threads, a batch at a time, and hands them to `paste` on the
+// calling thread in list order, so later tiles still overwrite earlier ones. A tile that
+// fails to decode stops the pasting at its turn with its own failure, as a one-by-one loop
+// would. `first` is the first tile, already decoded.
+template <class Paste>
+void DecodeInBatches(const std::vector<Core::Ptr<Tellar::Interfaces::ITileResponse>>& responses,
+                     const ImageBase& first, Paste&& paste) {
+    const size_t count = responses.size();
+    const size_t threads =
+        std::clamp<size_t>(count / TilesPerThread, 1, std::max(1u, std::thread::hardware_concurrency()));
+    const size_t batch = threads * TilesPerThread;
+
+    std::vector<ImageBase> decoded(std::min(batch, count));
+    std::vector<std::exception_ptr> failures(decoded.size());
+    for (size_t start = 0; start < count; start += batch) {
+        const size_t end = std::min(start + batch, count);
+        std::atomic<size_t> next{start};
+        const auto work = [&] {
+            for (size_t i = next++; i < end; i = next++) {
+                try {
+                    decoded[i - start] =
+                        i == 0 ? first : TellarImaging::CreateImageBase(DecodeTile(*responses[i]).Raw());
+                } catch (...) {
+                    failures[i - start] = std::current_exception();
+                }
+            }
+        };
+        std::vector<std::thread> workers;
+        for (size_t t = 1; t < threads && start + t < end; ++t) workers.emplace_back(work);
+        work();
+        for (std::thread& worker : workers) worker.join();
+
+        for (size_t i = start; i < end; ++i) {
+            if (failures[i - start]) std::rethrow_exception(failures[i - start]);
+            paste(i, decoded[i - start]);
+            decoded[i - start] = {};
+        }
+    }
+}
+
 // Bounds first taken from above, then from below, so an image of no pixels clamps to 0; NaN
 // also reads 0.
 double Clamp(double value, double low, double high) {
@@ -88,12 +134,11 @@ Core::Ptr<ITiffImage> ComposeMosaic(const MapServices::TileRange& range,
     const ImageBase result = TellarImaging::CreateImageBase(columns * scale * 256, rows * scale * 256, pixelDataType);
 
     const int64_t step = static_cast<int64_t>(scale) * 256;
-    for (const auto& response : responses) {
-        const ImageBase tile = TellarImaging::CreateImageBase(DecodeTile(*response).Raw());
-        const int64_t left = (response->GetX() - range.minX) * step;
-        const int64_t top = (response->GetY() - range.minY) * step;
+    DecodeInBatches(responses, firstImage, [&](size_t index, const ImageBase& tile) {
+        const int64_t left = (responses[index]->GetX() - range.minX) * step;
+        const int64_t top = (responses[index]->GetY() - range.minY) * step;
         PasteTile(tile, result, left, top);
-    }
+    });
 
     auto& mosaic = dynamic_cast<ITiffImage&>(*result.image);
     mosaic.SetEpsgCode(epsgCode);
