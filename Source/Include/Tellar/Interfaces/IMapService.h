@@ -45,7 +45,7 @@ struct IMapService : Core::IObject {
     // The CRS the caller speaks in; null goes back to the CRS of the service. Not to be called
     // while another call on the same service runs.
     virtual void SetTargetCrs(ICrs* crs) = 0;
-    // Borrowed.
+    // Borrowed; null when no client can be made for the service's address.
     virtual Platform::Interfaces::IHttpClient* GetHttpClient() = 0;
     // As GetImage, but a tile whose download fails is left out where it can be.
     virtual bool GetImageBestEffort(int32_t zoom, IBoundingBox2d* box, TellarImaging::ITiffImage** ppImage,

@@ -158,8 +158,13 @@ const char* GenericMapServiceT<I>::GetLayerName() {
 
 template <class I>
 Platform::Interfaces::IHttpClient* GenericMapServiceT<I>::GetHttpClient() {
-    // The fetcher keeps its client, so the pointer outlives this reference.
-    return fetcher_->GetHttpClient().Raw();
+    // The fetcher keeps its client, so the pointer outlives this reference. A client that
+    // can't be made is no client: nothing thrown leaves the library here.
+    try {
+        return fetcher_->GetHttpClient().Raw();
+    } catch (const std::exception&) {
+        return nullptr;
+    }
 }
 
 template <class I>
