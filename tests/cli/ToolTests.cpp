@@ -106,6 +106,12 @@ TEST_F(ToolTest, ExitCodesAndErrorLines) {
          "error: the server answered tile 1/0/1 with status 404\n",
          false},
         {{"info", "--tms", tiles, "--epsg", "3857", "--target-epsg", "999999"}, 1, "error: ", true},
+        // A 404 is a response, not a failed request: the mosaic fails on decoding its body.
+        {{"mosaic", "--tms", server.Template("404"), "--epsg", "4326", "--zoom", "0", "--bbox", "-1,-1,1,1",
+          "--best-effort", "-o", dir.File("missing.tif")},
+         1,
+         "error: Unknown image format\n",
+         false},
         {{"seed", "--tms", tiles, "--epsg", "3857", "--bbox", "0,0,1,1", "--max-zoom", "1"},
          2,
          "tellar-maps: seed fills a cache: give --cache DIR\n",
@@ -123,7 +129,8 @@ TEST_F(ToolTest, ExitCodesAndErrorLines) {
         }
     }
     EXPECT_FALSE(fs::exists(dir.File("missing.png"))) << "a refused tile writes no file";
-    EXPECT_EQ(server.Requests(), 1) << "only the tile command asks the server";
+    EXPECT_FALSE(fs::exists(dir.File("missing.tif")));
+    EXPECT_EQ(server.Requests(), 4) << "the tile, and the mosaic's one tile three times (list, best effort, list)";
 }
 
 TEST_F(ToolTest, InfoReportsWhatTheFactoryBound) {
