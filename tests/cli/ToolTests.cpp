@@ -143,8 +143,9 @@ TEST_F(ToolTest, InfoReportsWhatTheFactoryBound) {
 }
 
 TEST_F(ToolTest, TileWritesTheBodyThenTheCachedTileAsPng) {
-    const std::vector<std::string> service = {"--tms", server.Template("t"), "--epsg", "3857",
-                                              "--cache", dir.File("cache"), "--zoom", "1", "--x", "0", "--y", "0"};
+    const std::vector<std::string> service = {
+        "--tms", server.Template("t"), "--epsg", "3857", "--cache", dir.File("cache"), "--zoom", "1", "--x", "0", "--y",
+        "0"};
     auto args = service;
     args.insert(args.begin(), "tile");
     args.insert(args.end(), {"-o", dir.File("first.png")});
@@ -175,9 +176,9 @@ TEST_F(ToolTest, TileWritesTheBodyThenTheCachedTileAsPng) {
 }
 
 TEST_F(ToolTest, SeedFetchesOnceThenFindsTheCache) {
-    const std::vector<std::string> args = {"seed", "--tms", server.Template("t"), "--epsg", "4326",
-                                           "--cache", dir.File("cache"), "--bbox", "-10,-10,10,10",
-                                           "--min-zoom", "0", "--max-zoom", "2"};
+    const std::vector<std::string> args = {
+        "seed",   "--tms",         server.Template("t"), "--epsg", "4326",       "--cache", dir.File("cache"),
+        "--bbox", "-10,-10,10,10", "--min-zoom",         "0",      "--max-zoom", "2"};
     // Zoom 0 has one tile, zooms 1 and 2 two columns by two rows each.
     Outcome o = RunTool(dir, args);
     ASSERT_EQ(o.exitCode, 0) << o.err;
@@ -189,15 +190,15 @@ TEST_F(ToolTest, SeedFetchesOnceThenFindsTheCache) {
     EXPECT_EQ(server.Requests(), 9);
 
     o = RunTool(dir, {"seed", "--tms", server.Template("404"), "--epsg", "4326", "--cache", dir.File("cache"), "--bbox",
-                  "-10,-10,10,10", "--max-zoom", "1"});
+                      "-10,-10,10,10", "--max-zoom", "1"});
     ASSERT_EQ(o.exitCode, 0) << o.err;
     EXPECT_EQ(o.out, "{\"tiles\":5,\"fetched\":0,\"cached\":0,\"failed\":5}\n");
 }
 
 TEST_F(ToolTest, MosaicWritesAGeoTiffThatGdalPlaces) {
-    const Outcome o = RunTool(dir, {"mosaic", "--tms", server.Template("t"), "--epsg", "4326", "--cache",
-                                dir.File("cache"), "--zoom", "2", "--bbox", "-10,-10,10,10", "-o", dir.File("m.tif"),
-                                "--png", dir.File("m.png")});
+    const Outcome o =
+        RunTool(dir, {"mosaic", "--tms", server.Template("t"), "--epsg", "4326", "--cache", dir.File("cache"), "--zoom",
+                      "2", "--bbox", "-10,-10,10,10", "-o", dir.File("m.tif"), "--png", dir.File("m.png")});
     ASSERT_EQ(o.exitCode, 0) << o.err;
     EXPECT_EQ(Number(o.out, "tiles"), 4);
     EXPECT_EQ(server.Requests(), 4) << "the mosaic reads the tiles that the listing put into the cache";
@@ -213,8 +214,8 @@ TEST_F(ToolTest, MosaicWritesAGeoTiffThatGdalPlaces) {
     EXPECT_TRUE(IsPng(ReadText(dir.File("m.png"))));
 
     if (std::system("command -v gdalinfo >/dev/null 2>&1") != 0) GTEST_SKIP() << "gdalinfo is not installed";
-    const std::string command = "timeout 60 gdalinfo -json " + Quote(dir.File("m.tif")) + " >" +
-                                Quote(dir.File("gdal.json")) + " 2>/dev/null";
+    const std::string command =
+        "timeout 60 gdalinfo -json " + Quote(dir.File("m.tif")) + " >" + Quote(dir.File("gdal.json")) + " 2>/dev/null";
     ASSERT_EQ(std::system(command.c_str()), 0);
     const std::string gdal = ReadText(dir.File("gdal.json"));
     EXPECT_NE(gdal.find("ID[\\\"EPSG\\\",4326]]"), std::string::npos) << gdal;

@@ -87,7 +87,8 @@ JsonObject RunTile(IMapService* service, int32_t zoom, int64_t x, int64_t y, con
     if (Platform::Interfaces::IHttpResponse* http = response->GetHttpResponse()) {
         const int32_t status = http->GetStatusCode();
         if (status != 200)
-            throw std::runtime_error(fmt::format("the server answered tile {}/{}/{} with status {}", zoom, x, y, status));
+            throw std::runtime_error(
+                fmt::format("the server answered tile {}/{}/{} with status {}", zoom, x, y, status));
         WriteFile(path, http->GetBodyData(), http->GetBodySize());
         bytes = static_cast<int64_t>(http->GetBodySize());
         Invoke([&](IErrorCode** e) { return response->GetImage(image.ReceiveAddress(), e); });

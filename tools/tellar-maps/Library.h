@@ -26,7 +26,8 @@ template <class Call>
 void Invoke(Call&& call) {
     Core::Ptr<Core::IErrorCode> error;
     if (std::forward<Call>(call)(error.ReceiveAddress())) return;
-    if (const Core::IErrorCode* e = error.Raw()) throw LibraryFailure(std::string(e->GetMessage(), e->GetMessageLength()));
+    if (const Core::IErrorCode* e = error.Raw())
+        throw LibraryFailure(std::string(e->GetMessage(), e->GetMessageLength()));
     throw LibraryFailure("the library failed without saying why");
 }
 
