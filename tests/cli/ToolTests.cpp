@@ -36,7 +36,10 @@ std::string Quote(const std::string& word) {
 
 // The tool under a time limit, so that a hang fails the test instead of stalling the suite.
 Outcome RunTool(const TestSupport::TempDir& dir, const std::vector<std::string>& args) {
-    std::string command = "timeout 120 " + Quote(TELLAR_MAPS_BINARY);
+    // Under ThreadSanitizer the tool's own server runs on an uninstrumented library.
+    std::string command =
+        "TSAN_OPTIONS=\"${TSAN_OPTIONS:+$TSAN_OPTIONS:}suppressions=" + std::string(TELLAR_TSAN_SUPPRESSIONS) +
+        "\" timeout 120 " + Quote(TELLAR_MAPS_BINARY);
     for (const auto& a : args) command += " " + Quote(a);
     command += " >" + Quote(dir.File("stdout")) + " 2>" + Quote(dir.File("stderr"));
     const int status = std::system(command.c_str());
