@@ -198,6 +198,26 @@ TEST_F(ToolTest, SeedFetchesOnceThenFindsTheCache) {
     EXPECT_EQ(o.out, "{\"tiles\":5,\"fetched\":0,\"cached\":0,\"failed\":5}\n");
 }
 
+// script(1) gives the tool a terminal for stderr; stdout goes to a file.
+TEST_F(ToolTest, ProgressBarOnlyOnATerminalAndNotWhenQuiet) {
+    if (std::system("command -v script >/dev/null 2>&1") != 0) GTEST_SKIP() << "script(1) is not installed";
+    const auto seedOnTerminal = [&](const std::string& extra) {
+        const std::string tool = std::string(TELLAR_MAPS_BINARY) + " seed --tms '" + server.Template("t") +
+                                 "' --epsg 4326 --cache " + Quote(dir.File("cache")) +
+                                 " --bbox -10,-10,10,10 --max-zoom 1 " + extra + " >" + Quote(dir.File("json"));
+        const std::string command =
+            "TSAN_OPTIONS=\"${TSAN_OPTIONS:+$TSAN_OPTIONS:}suppressions=" + std::string(TELLAR_TSAN_SUPPRESSIONS) +
+            "\" timeout 120 script -qec " + Quote(tool) + " /dev/null >" + Quote(dir.File("terminal"));
+        EXPECT_EQ(std::system(command.c_str()), 0);
+        EXPECT_EQ(ReadText(dir.File("json")).substr(0, 10), "{\"tiles\":5");
+        return ReadText(dir.File("terminal"));
+    };
+    const std::string shown = seedOnTerminal("");
+    EXPECT_NE(shown.find("zoom 0 [##############################] 1/1"), std::string::npos) << shown;
+    EXPECT_NE(shown.find("zoom 1 [##############################] 4/4"), std::string::npos) << shown;
+    EXPECT_EQ(seedOnTerminal("--quiet"), "");
+}
+
 TEST_F(ToolTest, MosaicWritesAGeoTiffThatGdalPlaces) {
     const Outcome o =
         RunTool(dir, {"mosaic", "--tms", server.Template("t"), "--epsg", "4326", "--cache", dir.File("cache"), "--zoom",
