@@ -26,7 +26,8 @@ Service (exactly one):
   [--cache DIR]            use the cached factory with DIR
   [--target-epsg N]        answer in this CRS
 
-Options: --log FILE, --log-level N, --quiet, --png FILE (8-bit preview beside a .tif), --help
+Options: --quiet, --png FILE (8-bit preview beside a .tif), --help,
+  --log FILE, --log-level N (accepted; no effect yet)
 )";
 
 namespace {

@@ -1,12 +1,52 @@
 // tellar-maps: the command-line host of the map-service library.
 #include <cstdio>
+#include <exception>
 #include <string>
 #include <vector>
 
 #include "CommandLine.h"
+#include "Commands.h"
+#include "Demo.h"
+#include "Library.h"
+#include "Progress.h"
+
+namespace {
+
+using namespace TellarMaps;
+
+const char* ServiceOption(ServiceKind kind) {
+    switch (kind) {
+    case ServiceKind::Wms: return "--wms";
+    case ServiceKind::Wmts: return "--wmts";
+    case ServiceKind::Wcs: return "--wcs";
+    default: return "--tms";
+    }
+}
+
+JsonObject Run(const Options& options) {
+    Progress progress(Progress::Wanted(options.quiet));
+    if (options.command == "demo") return RunDemo(options.output.value_or("."), progress);
+
+    const TmsService tms = OpenTmsService(options.url, *options.epsg, options.cacheDir, options.targetEpsg);
+    Tellar::Interfaces::IMapService* service = tms.service.Raw();
+    if (options.command == "info") return RunInfo(service, "tms");
+    if (options.command == "tile") return RunTile(service, *options.zoom, *options.x, *options.y, *options.output);
+    if (options.command == "mosaic") {
+        MosaicJob job;
+        job.zoom = *options.zoom;
+        job.bbox = *options.bbox;
+        job.bestEffort = options.bestEffort;
+        job.tiff = *options.output;
+        job.png = options.png;
+        return RunMosaic(service, job, progress);
+    }
+    // The command line admits nothing else for a tile server.
+    return RunSeed(service, *options.bbox, options.minZoom.value_or(0), *options.maxZoom, progress);
+}
+
+} // namespace
 
 int main(int argc, char** argv) {
-    using namespace TellarMaps;
     Options options;
     try {
         options = ParseCommandLine(std::vector<std::string>(argv + 1, argv + argc));
@@ -18,7 +58,16 @@ int main(int argc, char** argv) {
         std::fputs(UsageText, stdout);
         return 0;
     }
-    std::fprintf(stderr, "error: the command '%s' needs the map-service library, which this build does not have yet\n",
-                 options.command.c_str());
-    return 1;
+    if (options.command != "demo" && options.kind != ServiceKind::Tms) {
+        std::fprintf(stderr, "error: %s services are not available in this build\n", ServiceOption(options.kind));
+        return 1;
+    }
+    try {
+        const std::string json = Run(options).Text();
+        std::printf("%s\n", json.c_str());
+        return 0;
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "error: %s\n", e.what());
+        return 1;
+    }
 }

@@ -1,0 +1,36 @@
+#pragma once
+// The commands of tellar-maps on a bound service. Each returns the JSON object it prints;
+// library failures leave as LibraryFailure, other failures (files) as std::runtime_error.
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "Json.h"
+#include "Progress.h"
+#include "Tellar/Interfaces/IMapService.h"
+
+namespace TellarMaps {
+
+JsonObject RunInfo(Tellar::Interfaces::IMapService* service, const char* kind);
+
+// Writes the tile's body as the server sent it; a tile from the cache is written as PNG.
+JsonObject RunTile(Tellar::Interfaces::IMapService* service, int32_t zoom, int64_t x, int64_t y,
+                   const std::string& path);
+
+struct MosaicJob {
+    int32_t zoom = 0;
+    std::array<double, 4> bbox{};
+    bool bestEffort = false;
+    std::string tiff;
+    std::optional<std::string> png;
+};
+// Takes the response of every tile of the box first (which fills the cache of a cached
+// service), then asks for the mosaic and writes it as GeoTIFF, and as PNG when asked.
+JsonObject RunMosaic(Tellar::Interfaces::IMapService* service, const MosaicJob& job, Progress& progress);
+
+// Takes the response of every tile of the box at each zoom, counting where each came from.
+JsonObject RunSeed(Tellar::Interfaces::IMapService* service, const std::array<double, 4>& bbox, int32_t minZoom,
+                   int32_t maxZoom, Progress& progress);
+
+} // namespace TellarMaps
