@@ -3,12 +3,15 @@
 // PNG decoding, pasting, cropping), and the cache reads alone (GetTilesForBox + GetResponse).
 #include <benchmark/benchmark.h>
 #include <httplib.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <map>
 #include <string>
 #include <thread>
 
@@ -58,12 +61,40 @@ struct Fixture {
         TellarSpatial_CreateBoundingBox2d(box.ReceiveAddress(), nullptr);
         box->SetValues(-89.9, -66.0, 89.9, 66.0);
 
+        // Tiles are rendered before the server starts, so that it answers at once.
+        std::map<std::string, std::string> pngs;
+        const double n = 1 << kZoom;
+        const auto column = [n](double lon) { return static_cast<int32_t>((lon + 180.0) / 360.0 * n); };
+        const auto row = [n](double lat) {
+            const double p = lat * 3.14159265358979 / 180.0;
+            return static_cast<int32_t>((1.0 - std::log(std::tan(p) + 1.0 / std::cos(p)) / 3.14159265358979) * 0.5 * n);
+        };
+        for (int32_t x = column(-89.9); x <= column(89.9); ++x)
+            for (int32_t y = row(66.0); y <= row(-66.0); ++y)
+                pngs[std::to_string(x) + "/" + std::to_string(y)] = ReliefPng(kZoom, x, y);
+
         httplib::Server server;
+        // A worker stays with its keep-alive connection: one worker per connection the client opens.
+        server.new_task_queue = [] { return new httplib::ThreadPool(256); };
+        server.set_keep_alive_timeout(1);
         server.Get(R"(/(\d+)/(\d+)/(\d+)\.png)", [&](const httplib::Request& req, httplib::Response& res) {
-            const int z = std::stoi(req.matches[1]), x = std::stoi(req.matches[2]), y = std::stoi(req.matches[3]);
-            res.set_content(ReliefPng(z, x, y), "image/png");
+            const auto tile = pngs.find(std::string(req.matches[2]) + "/" + std::string(req.matches[3]));
+            if (tile == pngs.end()) {
+                res.status = 404;
+                return;
+            }
+            res.set_content(tile->second, "image/png");
+        });
+        // httplib listens with a backlog of 5: deepen it, or hundreds of tiles at once stall in
+        // SYN retries.
+        int listener = -1;
+        server.set_socket_options([&listener](int fd) {
+            int one = 1;
+            ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+            listener = fd;
         });
         const int port = server.bind_to_any_port("127.0.0.1");
+        ::listen(listener, 1024);
         std::thread thread([&] { server.listen_after_bind(); });
         while (!server.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
 
