@@ -32,6 +32,7 @@ struct Exchange {
     size_t nextUpload = 0;
     bool uploadEndMarker = true;
     bool readBody = true;
+    bool receiveOnSend = true; // false: the test asks for the response itself
     std::atomic<int> afterClosing{0};
 
     std::vector<uint32_t> Events() {
@@ -60,14 +61,13 @@ struct Exchange {
         }
         switch (status) {
         case T::StatusSendRequestComplete:
+            if (!x->receiveOnSend) break;
             if (x->uploads.empty())
                 T::ReceiveResponse(handle, nullptr);
             else
                 x->Pump();
             break;
-        case T::StatusWriteComplete:
-            x->Pump();
-            break;
+        case T::StatusWriteComplete: x->Pump(); break;
         case T::StatusHeadersAvailable: {
             uint32_t size = 0;
             EXPECT_FALSE(T::QueryHeaders(handle, T::QueryRawHeadersCrlf, nullptr, nullptr, &size, nullptr));
@@ -241,6 +241,30 @@ TEST_P(TransportFailure, CarriesTheWinHttpNumber) {
     const auto events = x.Events();
     EXPECT_EQ(std::count(events.begin(), events.end(), T::StatusRequestError), 1);
     EXPECT_EQ(events.back(), T::StatusHandleClosing);
+}
+
+// A short body that has wholly arrived before the response is asked for still gives its headers
+// and bytes first, then the failure.
+TEST(Transport, FailureWaitsForTheResponseAskedLate) {
+    RawServer server([](int fd, const std::string&) {
+        RawServer::SendAll(fd, "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n0123456789");
+    });
+    Exchange x;
+    x.receiveOnSend = false;
+    {
+        Session session(server.Port());
+        session.Start(x, "GET", "/");
+        ASSERT_TRUE(WaitUntil([&] { return !x.Events().empty(); }));
+        // Give the transfer time to end before the response is asked for.
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        ASSERT_TRUE(T::ReceiveResponse(x.handle, nullptr));
+        ASSERT_TRUE(WaitUntil([&] { return x.closed.load(); }));
+    }
+    EXPECT_EQ(x.body, "0123456789");
+    EXPECT_NE(x.headers.find("Content-Length: 100"), std::string::npos);
+    EXPECT_EQ(x.error, T::ErrorConnectionError);
+    EXPECT_EQ(x.Events(), Sequence({T::StatusSendRequestComplete, T::StatusHeadersAvailable, T::StatusReadComplete,
+                                    T::StatusRequestError, T::StatusHandleClosing}));
 }
 
 INSTANTIATE_TEST_SUITE_P(

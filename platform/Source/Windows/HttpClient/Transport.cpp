@@ -376,8 +376,8 @@ private:
     void Restart(RequestState& request);
     void Push(RequestState& request, uint32_t status, void* buffer = nullptr, uint32_t bytes = 0,
               AsyncResult result = {}) {
-        events_.push_back(Event{request.shared_from_this(), request.callback, request.context, status, buffer, bytes,
-                                result});
+        events_.push_back(
+            Event{request.shared_from_this(), request.callback, request.context, status, buffer, bytes, result});
     }
     void Pause(RequestState& request) {
         int mask = (request.recvPaused ? CURLPAUSE_RECV : 0) | (request.uploadPaused ? CURLPAUSE_SEND : 0);
@@ -513,8 +513,10 @@ void Engine::Finish(RequestState& request, uint32_t error) {
         }
         return;
     }
-    // Bytes that arrived before the failure are read first; the failure then ends the reads.
-    if (!request.headersDelivered || request.Buffered() == 0) DeliverError(request, api);
+    // Headers and bytes that arrived before the failure are delivered first, even when the
+    // caller has not asked for the response yet; the failure then ends the reads.
+    if (!request.headersReady.load() || (request.headersDelivered && request.Buffered() == 0))
+        DeliverError(request, api);
 }
 
 void Engine::ProcessDone() {
@@ -813,12 +815,15 @@ void Engine::Launch(RequestState& request) {
         curl_easy_setopt(easy, CURLOPT_PROXY, session.proxy.c_str());
         if (!session.proxyBypass.empty()) curl_easy_setopt(easy, CURLOPT_NOPROXY, session.proxyBypass.c_str());
     }
-    if (tls12Only) curl_easy_setopt(easy, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2) | static_cast<long>(CURL_SSLVERSION_MAX_TLSv1_2));
+    if (tls12Only)
+        curl_easy_setopt(easy, CURLOPT_SSLVERSION,
+                         static_cast<long>(CURL_SSLVERSION_TLSv1_2) | static_cast<long>(CURL_SSLVERSION_MAX_TLSv1_2));
     curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, http2 ? CURL_HTTP_VERSION_2TLS : CURL_HTTP_VERSION_1_1);
     if (decompression) {
         const char* encodings = (decompression & DecompressionGzip) && (decompression & DecompressionDeflate)
                                     ? "gzip, deflate"
-                                    : (decompression & DecompressionGzip) ? "gzip" : "deflate";
+                                : (decompression & DecompressionGzip) ? "gzip"
+                                                                      : "deflate";
         curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, encodings);
         request.decoding = true;
     }
@@ -994,8 +999,7 @@ void SetLastError(uint32_t error) noexcept { t_lastError = error; }
 
 size_t OpenHandleCount() { return g_liveHandles.load(); }
 
-Handle Open(const char* userAgent, uint32_t accessType, const char* proxyName, const char* proxyBypass,
-            uint32_t) {
+Handle Open(const char* userAgent, uint32_t accessType, const char* proxyName, const char* proxyBypass, uint32_t) {
     auto session = std::make_shared<SessionState>();
     session->userAgent = userAgent ? userAgent : "";
     session->accessType = accessType;
@@ -1144,9 +1148,8 @@ bool WriteData(Handle request, const void* data, uint32_t length, uint32_t* writ
     if (length > 0) copy.assign(static_cast<const char*>(data), static_cast<const char*>(data) + length);
     if (written) *written = 0;
     Engine& engine = Engine::Get();
-    engine.Run([state, &engine, copy = std::move(copy), length]() mutable {
-        engine.Write(*state, std::move(copy), length);
-    });
+    engine.Run(
+        [state, &engine, copy = std::move(copy), length]() mutable { engine.Write(*state, std::move(copy), length); });
     return true;
 }
 
@@ -1159,8 +1162,7 @@ bool ReceiveResponse(Handle request, void*) {
     return true;
 }
 
-bool QueryHeaders(Handle request, uint32_t infoLevel, const char*, void* buffer, uint32_t* bufferLength,
-                  uint32_t*) {
+bool QueryHeaders(Handle request, uint32_t infoLevel, const char*, void* buffer, uint32_t* bufferLength, uint32_t*) {
     auto state = LookupAs<RequestState>(request, Kind::Request);
     if (!state) return Fail(ErrorInvalidHandle);
     if (!bufferLength) return Fail(ErrorInvalidParameter);
@@ -1197,7 +1199,7 @@ bool CloseHandle(Handle handle) {
         static_cast<RequestState&>(*found).closeIssued.store(true);
     } else {
         SessionState& session = found->kind == Kind::Session ? static_cast<SessionState&>(*found)
-                                                              : *static_cast<ConnectionState&>(*found).session;
+                                                             : *static_cast<ConnectionState&>(*found).session;
         std::lock_guard lock(session.mutex);
         callback = session.callback;
     }
