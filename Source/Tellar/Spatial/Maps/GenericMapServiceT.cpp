@@ -36,6 +36,19 @@ BoundingBoxValue ValuesOf(Tellar::Interfaces::IBoundingBox2d& box) {
     return value;
 }
 
+// Calls f(x, y) for every tile of the range, x in the outer loop; safe at the ends of int64.
+template <class F>
+void ForEachTile(const TileRange& range, F&& f) {
+    if (range.minX > range.maxX || range.minY > range.maxY) return;
+    for (int64_t x = range.minX;; ++x) {
+        for (int64_t y = range.minY;; ++y) {
+            f(x, y);
+            if (y == range.maxY) break;
+        }
+        if (x == range.maxX) break;
+    }
+}
+
 // x + 1 without overflow at the top of the range: it wraps, as the tile arithmetic always has.
 int64_t Next(int64_t value) { return static_cast<int64_t>(static_cast<uint64_t>(value) + 1u); }
 
@@ -190,16 +203,11 @@ Core::Ptr<Tellar::Interfaces::ITileRequest> GenericMapServiceT<I>::MakeTileReque
 template <class I>
 Core::Ptr<Data::Interfaces::IObjectList> GenericMapServiceT<I>::MakeTileList(int32_t zoom, const TileRange& range) {
     Data::ObjectList list = Data::ObjectList::Create();
-    if (range.minX > range.maxX || range.minY > range.maxY) return list;
-    for (int64_t x = range.minX;; ++x) {
-        for (int64_t y = range.minY;; ++y) {
-            Core::Ptr<Tellar::Interfaces::ITileRequest> request = MakeTileRequest(zoom, x, y);
-            Core::Ptr<Core::IErrorCode> error;
-            if (!list->_abi_Append(request.Raw(), error.ReceiveAddress())) Core::ThrowIfError(error);
-            if (y == range.maxY) break;
-        }
-        if (x == range.maxX) break;
-    }
+    ForEachTile(range, [&](int64_t x, int64_t y) {
+        Core::Ptr<Tellar::Interfaces::ITileRequest> request = MakeTileRequest(zoom, x, y);
+        Core::Ptr<Core::IErrorCode> error;
+        if (!list->_abi_Append(request.Raw(), error.ReceiveAddress())) Core::ThrowIfError(error);
+    });
     return list;
 }
 
@@ -252,19 +260,15 @@ TellarImaging::ITiffImage* GenericMapServiceT<I>::MakeMosaic(int32_t zoom, const
         responses.push_back(std::move(response));
     };
     const Core::Ptr<Data::Interfaces::IObjectList> list = MakeTileList(zoom, range);
-    if (bestEffort && range.minX <= range.maxX && range.minY <= range.maxY) {
+    if (bestEffort) {
         // A second request per tile, whose failure only leaves that copy out.
-        for (int64_t x = range.minX;; ++x) {
-            for (int64_t y = range.minY;; ++y) {
-                Core::Ptr<ITileRequest> request = MakeTileRequest(zoom, x, y);
-                Core::Ptr<ITileResponse> response;
-                Core::Ptr<Core::IErrorCode> error;
-                if (request->GetResponse(response.ReceiveAddress(), error.ReceiveAddress()))
-                    responses.push_back(std::move(response));
-                if (y == range.maxY) break;
-            }
-            if (x == range.maxX) break;
-        }
+        ForEachTile(range, [&](int64_t x, int64_t y) {
+            Core::Ptr<ITileRequest> request = MakeTileRequest(zoom, x, y);
+            Core::Ptr<ITileResponse> response;
+            Core::Ptr<Core::IErrorCode> error;
+            if (request->GetResponse(response.ReceiveAddress(), error.ReceiveAddress()))
+                responses.push_back(std::move(response));
+        });
     }
     for (uint64_t i = 0; i < list->GetCount(); ++i) take(*dynamic_cast<ITileRequest*>(list->GetItem(i)));
 
@@ -286,27 +290,28 @@ TellarImaging::ITiffImage* GenericMapServiceT<I>::MakeMosaic(int32_t zoom, const
 }
 
 template <class I>
-bool GenericMapServiceT<I>::GetImage(int32_t zoom, Tellar::Interfaces::IBoundingBox2d* box,
-                                     TellarImaging::ITiffImage** ppImage, Core::IErrorCode** ppError) {
+bool GenericMapServiceT<I>::MosaicCall(int32_t zoom, Tellar::Interfaces::IBoundingBox2d* box,
+                                       TellarImaging::ITiffImage** ppImage, Core::IErrorCode** ppError,
+                                       bool bestEffort) {
     return Core::AbiGuard(
         [&] {
             Core::ThrowIfNull(box);
             Core::CheckResultAddress(ppImage);
-            *ppImage = MakeMosaic(zoom, ValuesOf(*box), false);
+            *ppImage = MakeMosaic(zoom, ValuesOf(*box), bestEffort);
         },
         ppError);
 }
 
 template <class I>
+bool GenericMapServiceT<I>::GetImage(int32_t zoom, Tellar::Interfaces::IBoundingBox2d* box,
+                                     TellarImaging::ITiffImage** ppImage, Core::IErrorCode** ppError) {
+    return MosaicCall(zoom, box, ppImage, ppError, false);
+}
+
+template <class I>
 bool GenericMapServiceT<I>::GetImageBestEffort(int32_t zoom, Tellar::Interfaces::IBoundingBox2d* box,
                                                TellarImaging::ITiffImage** ppImage, Core::IErrorCode** ppError) {
-    return Core::AbiGuard(
-        [&] {
-            Core::ThrowIfNull(box);
-            Core::CheckResultAddress(ppImage);
-            *ppImage = MakeMosaic(zoom, ValuesOf(*box), true);
-        },
-        ppError);
+    return MosaicCall(zoom, box, ppImage, ppError, true);
 }
 
 template class GenericMapServiceT<Tellar::Interfaces::IMapService>;

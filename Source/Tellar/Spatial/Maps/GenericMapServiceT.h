@@ -65,6 +65,8 @@ protected:
 private:
     Core::Ptr<Tellar::Interfaces::ITileRequest> MakeTileRequest(int32_t zoom, int64_t x, int64_t y);
     Core::Ptr<Data::Interfaces::IObjectList> MakeTileList(int32_t zoom, const MapServices::TileRange& range);
+    bool MosaicCall(int32_t zoom, Tellar::Interfaces::IBoundingBox2d* box, TellarImaging::ITiffImage** ppImage,
+                    Core::IErrorCode** ppError, bool bestEffort);
     TellarImaging::ITiffImage* MakeMosaic(int32_t zoom, const MapServices::BoundingBoxValue& box, bool bestEffort);
     void RenewTransformation();
     const MapServices::Wmts::WmtsTileMatrix& WmtsMatrix(int32_t zoom);
