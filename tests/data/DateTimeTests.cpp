@@ -36,20 +36,10 @@ TEST(DateTime, AcceptedIso8601FormsNormaliseToUtc) {
 }
 
 TEST(DateTime, RejectsMalformedText) {
-    const char* bad[] = {"",
-                         "21-03-04",
-                         "2021-13-01",
-                         "2021-02-29",
-                         "2021-04-31",
-                         "2021-03-04T",
-                         "2021-03-04T25:00Z",
-                         "2021-03-04T05:60Z",
-                         "2021-03-04T05:06:07.Z",
-                         "2021-03-04T05:06:07+2",
-                         "2021-03-04T05:06:07+02:0",
-                         "2021-03-04T05:06:07Zjunk",
-                         "2021/03/04",
-                         "now"};
+    const char* bad[] = {"",           "21-03-04",   "2021-13-01", "2021-02-29",  "2021-04-31",
+                         "2021-03-04T", "2021-03-04T25:00Z",     "2021-03-04T05:60Z",        "2021-03-04T05:06:07.Z",
+                         "2021-03-04T05:06:07+2",  "2021-03-04T05:06:07+02:0", "2021-03-04T05:06:07Zjunk",
+                         "2021/03/04", "now"};
     for (const char* text : bad) {
         try {
             Data::DateTime::FromIso8601(text);
@@ -60,7 +50,7 @@ TEST(DateTime, RejectsMalformedText) {
     }
 }
 
-TEST(DateTime, MillisecondsAreTruncatedNotRounded) {
+TEST(DateTime, NanosecondsAreKeptAndFormattedTruncated) {
     auto dateTime = Data::DateTime::FromIso8601("2020-01-01T00:00:00.999999999Z");
     EXPECT_EQ(dateTime->GetNanoseconds(), 999999999);
     EXPECT_EQ(dateTime.Format(), "2020-01-01T00:00:00.999Z");
@@ -69,7 +59,6 @@ TEST(DateTime, MillisecondsAreTruncatedNotRounded) {
 TEST(DateTime, NowIsACurrentUtcTime) {
     auto now = Data::DateTime::Now();
     EXPECT_GE(now->GetYear(), 2024);
-    EXPECT_GE(now->GetNanoseconds(), 0);
     EXPECT_LT(now->GetNanoseconds(), 1000000000);
     EXPECT_EQ(now.Format().size(), 24u);
 }
