@@ -93,7 +93,6 @@ TEST(WmsCapabilities, ReadsServiceAndTopLayer) {
     ASSERT_EQ(caps.boundingBoxes.size(), 1u);
     EXPECT_EQ(caps.boundingBoxes[0].crs, "EPSG:4326");
     EXPECT_EQ(caps.boundingBoxes[0].box, (BoundingBoxValue{40, -10, 60, 20}));
-    EXPECT_EQ(caps.xml, Document(Leaf("only")));
 }
 
 TEST(WmsCapabilities, ReadsAFullLeaf) {
@@ -218,9 +217,7 @@ TEST(WmsCapabilities, FailuresAndTheirOrder) {
     const std::string nameless = "<Layer><Title>no name</Title></Layer>";
     CapabilitiesTests::ExpectFailures<WmsCapabilities>({
         {"malformed xml", R("</WMS_Capabilities>", ""), "unexpected end of data"},
-        {"text before the root", "junk" + good, "expected <"},
         {"malformed before wrong root", "<WMT_MS_Capabilities><a></WMT_MS_Capabilities>", "unexpected end of data"},
-        {"no element", "<?xml version=\"1.0\"?><!-- nothing -->", "Cannot access the node"},
         {"empty text", "", "Cannot access the node"},
         {"WMS 1.1 root", R("WMS_Capabilities", "WMT_MS_Capabilities"), "Error wrong file"},
         {"wrong root before missing version", R2("WMS_Capabilities", "Caps", "version=", "v="), "Error wrong file"},

@@ -57,9 +57,7 @@ TEST(SplitString, PiecesAndSpecialForms) {
         {"", ",", {""}},
         {",", ",", {","}},
         {",,,", ",", {",,,"}},
-        {"2000/2010/P1Y", "/", {"2000", "2010", "P1Y"}},
         {"urn:ogc:def:crs:EPSG::3857", ":", {"urn", "ogc", "def", "crs", "EPSG", "3857"}},
-        {"1 2", " ", {"1", "2"}},
         {"a<>b<>", "<>", {"a", "b"}},
         {"x", "", {"x"}},
     };
@@ -72,7 +70,6 @@ TEST(SplitString, PiecesAndSpecialForms) {
 TEST(XmlNode, FindNodeTakesTheFirstMatchPerStep) {
     const XmlDocument document(Document);
     const XmlNode root = document.FirstElement();
-    EXPECT_EQ(root.Name(), "root");
     EXPECT_EQ(root.FindNode("Item").Value(), "one");
     EXPECT_EQ(root.FindNode("Group/Item").Value(), "two");
     EXPECT_EQ(root.FindNode("Item").Attribute("id").Value(), "x");
