@@ -177,7 +177,6 @@ TEST(WcsCapabilities, FailuresAndTheirOrder) {
         {"no GetCapabilities binding", R("wcs:GetCapabilities>", "wcs:Other>"), Missing},
         {"GET binding without href", R("xlink:href=\"http://cov.test/get?\"", ""), Missing},
         {"no srsName", R(" srsName=\"EPSG:4326\"", ""), Missing},
-        {"no envelope", R("lonLatEnvelope", "envelope"), Missing},
         {"one position", R("<gml:pos>3 4</gml:pos>", ""), noNode},
         {"position with one number", R(">5.5 47.25 100<", ">5.5<"), "invalid vector subscript"},
         {"position not a number", R(">15 55<", ">east 55<"), "invalid stod argument"},

@@ -288,7 +288,6 @@ TEST(WmtsCapabilities, FailuresAndTheirOrder) {
         {"set without identifier", R("<ows:Identifier>WebMercatorQuad</ows:Identifier>", ""), Missing},
         {"set without CRS", R("<ows:SupportedCRS>urn:ogc:def:crs:EPSG::3857</ows:SupportedCRS>", ""), Missing},
         {"matrix without identifier", R("<ows:Identifier>1</ows:Identifier>", ""), Missing},
-        {"matrix without scale", R("<ScaleDenominator>279541132.01</ScaleDenominator>", ""), Missing},
         {"matrix without corner", R("<TopLeftCorner>-20037508.5 20037508.25</TopLeftCorner>", ""), Missing},
         {"scale not a number", R(">279541132.01<", ">big<"), "invalid stod argument"},
         {"tile width not a number", R("<TileWidth>256", "<TileWidth>px"), "invalid stoll argument"},
