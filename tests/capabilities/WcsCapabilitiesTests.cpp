@@ -187,7 +187,8 @@ TEST(WcsCapabilities, FailuresAndTheirOrder) {
         // Which failure comes first.
         {"the parser before the root test", R2("WCS_Capabilities", "X", "</wcs:Service>", ""),
          "unexpected end of data"},
-        {"version before service name", R2("version=\"1.0.0\" xmlns", "version=\"2\" xmlns", "<wcs:name>MyWCS</wcs:name>", ""),
+        {"version before service name",
+         R2("version=\"1.0.0\" xmlns", "version=\"2\" xmlns", "<wcs:name>MyWCS</wcs:name>", ""),
          version},
         {"service name before href", R2("<wcs:name>MyWCS</wcs:name>", "", "xlink:href=\"http://cov.test/wcs?\"", ""),
          noNode},

@@ -80,8 +80,8 @@ TEST(WmtsCapabilities, ReadsServiceSetsAndLayers) {
     const std::string swappedLayer =
         Replace(Layer("swapped", {"WebMercatorQuad"}, DefaultStyle, PngResource, extra),
                 "-180 -85</ows:LowerCorner><ows:UpperCorner>180 85", "30 50</ows:LowerCorner><ows:UpperCorner>10 40");
-    const WmtsCapabilities caps(Document(Layer("osm", {"WebMercatorQuad"}) + swappedLayer,
-                                         StandardSet + Set("Other", Matrix("a", "1000"), "urn:ogc:def:crs:EPSG::25832")));
+    const std::string otherSet = Set("Other", Matrix("a", "1000"), "urn:ogc:def:crs:EPSG::25832");
+    const WmtsCapabilities caps(Document(Layer("osm", {"WebMercatorQuad"}) + swappedLayer, StandardSet + otherSet));
     EXPECT_EQ(caps.title, "Tiles");
     EXPECT_EQ(caps.abstract, "Tiled maps");
     EXPECT_EQ(caps.capabilitiesUrl, "http://tiles.test/wmts?request=GetCapabilities&version=1.0.0");
@@ -138,7 +138,8 @@ TEST(WmtsCapabilities, CapabilitiesUrlSources) {
          Replace(StandardDocument, "</Capabilities>",
                  "<servicemetadataurl xlink:href=\"http://tiles.test/1.0.0/WMTSCapabilities.xml\"/></Capabilities>"),
          "http://tiles.test/1.0.0/WMTSCapabilities.xml"},
-        {"DCP path in any case", Replace(StandardDocument, "<ows:DCP><ows:HTTP><ows:Get", "<ows:dcp><ows:http><ows:get"),
+        {"DCP path in any case",
+         Replace(StandardDocument, "<ows:DCP><ows:HTTP><ows:Get", "<ows:dcp><ows:http><ows:get"),
          "http://tiles.test/wmts?request=GetCapabilities&version=1.0.0"},
         {"operation element name exact", Replace(StandardDocument, "<ows:Operation ", "<ows:operation "), ""},
         {"operation name exact", Replace(StandardDocument, "name=\"GetCapabilities\"", "name=\"getcapabilities\""), ""},
@@ -299,8 +300,9 @@ TEST(WmtsCapabilities, FailuresAndTheirOrder) {
         {"layer without identifier", R("<ows:Identifier>osm</ows:Identifier>", ""), Missing},
         {"layer without upper corner", R("<ows:UpperCorner>180 85</ows:UpperCorner>", ""), Missing},
         {"lower corner with one number", R(">-180 -85<", ">-180<"), "invalid vector subscript"},
-        {"bounding box without crs", R("</ows:WGS84BoundingBox>", "</ows:WGS84BoundingBox><ows:BoundingBox><ows:LowerCorner>"
-                                       "0 0</ows:LowerCorner><ows:UpperCorner>1 1</ows:UpperCorner></ows:BoundingBox>"),
+        {"bounding box without crs",
+         R("</ows:WGS84BoundingBox>", "</ows:WGS84BoundingBox><ows:BoundingBox><ows:LowerCorner>0 0</ows:LowerCorner>"
+                                      "<ows:UpperCorner>1 1</ows:UpperCorner></ows:BoundingBox>"),
          Missing},
         {"resource without template", R(" template=\"http://tiles.test/{TileMatrix}/{TileRow}/{TileCol}.png\"", ""),
          Missing},
