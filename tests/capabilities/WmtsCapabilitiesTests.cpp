@@ -113,12 +113,9 @@ TEST(WmtsCapabilities, ReadsServiceSetsAndLayers) {
     EXPECT_EQ(osm->capabilitiesUrl, caps.capabilitiesUrl);
     EXPECT_EQ(osm->wgs84Box, (BoundingBoxValue{-180, -85, 180, 85}));
     EXPECT_TRUE(osm->box.IsUnset());
-    EXPECT_EQ(osm->currentStyle, "default");
     EXPECT_EQ(osm->GetCurrentStyle().legendUrl, "http://tiles.test/legend.png");
     EXPECT_TRUE(osm->GetCurrentStyle().isDefault);
-    EXPECT_EQ(osm->currentFormat, "image/png");
     EXPECT_EQ(osm->GetCurrentResource().urlTemplate, "http://tiles.test/{TileMatrix}/{TileRow}/{TileCol}.png");
-    EXPECT_EQ(osm->currentFeatureInfoFormat, "");
     EXPECT_EQ(osm->GetCurrentTileMatrixSet().Raw(), set.Raw());
 
     // The WGS 84 corners as written; the other box sorted per axis.
