@@ -39,28 +39,6 @@ TEST(Waits, PlainWaitIsTrueOnTimeoutAndNeverRunsQueuedFunctions) {
     EXPECT_TRUE(ran);
 }
 
-TEST(Waits, FunctionsQueuedFromOtherThreadsRunInOrderInsideTheWait) {
-    AlertableEvent done;
-    const std::shared_ptr<ThreadContext> self = ThreadContext::Current();
-    const std::thread::id waiter = std::this_thread::get_id();
-    std::vector<int> order;
-    std::atomic<bool> allOnWaiter{true};
-    std::thread poster([&] {
-        for (int i = 0; i < 100; ++i)
-            QueueTo(*self, [&, i] {
-                if (std::this_thread::get_id() != waiter) allOnWaiter = false;
-                order.push_back(i);
-            });
-        QueueTo(*self, [&] { done.Set(); });
-    });
-    EXPECT_TRUE(Helpers::WaitForSingleObject(done, Patience, true, false));
-    poster.join();
-    std::vector<int> expected(100);
-    for (int i = 0; i < 100; ++i) expected[i] = i;
-    EXPECT_EQ(order, expected);
-    EXPECT_TRUE(allOnWaiter);
-}
-
 TEST(Waits, AnEventSetElsewhereWakesEveryWaiter) {
     AlertableEvent event;
     std::atomic<int> woken{0};
