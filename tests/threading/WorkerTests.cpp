@@ -121,9 +121,7 @@ TEST(Worker, ATaskCancelledBeforeItsTurnNeverRuns) {
 
 TEST(Worker, AfterStopAPostCompletesAtOnceWithTheError) {
     auto worker = MakeWorker("Stopping");
-    AsyncTask before = worker->Post([] {});
     ASSERT_TRUE(Finished(worker->Stop()));
-    EXPECT_TRUE(before->IsCompleted());
     bool called = false;
     AsyncTask late = worker->Post([&] { called = true; });
     ASSERT_TRUE(late.Raw());
@@ -197,7 +195,7 @@ TEST(Worker, ReleasedLastFromItsOwnThreadNeitherHangsNorCrashes) {
         gate.Set();
         ASSERT_TRUE(Finished(task));
     }
-    ASSERT_TRUE(journal.WaitForLines(3));
+    // The thread ends only after the destructor, run on it, has written its lines.
     ASSERT_TRUE(context);
     EXPECT_TRUE(context->WaitEnded(Patience));
     EXPECT_EQ(journal.Lines(),
