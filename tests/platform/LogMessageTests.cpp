@@ -40,10 +40,3 @@ TEST(LogMessage, LevelsFilterAndLevelsWithoutPrefixAreNeverWritten) {
     EXPECT_EQ(lines[1].text, "DEBUG: x [F]");
     EXPECT_EQ(lines[2].text, "INFO: passes [F]");
 }
-
-TEST(LogStackTrace, AsksTheLoggerForSixtyFourFramesSkippingTwo) {
-    TestSupport::ScopedRecordingLogger logger;
-    Platform::LogStackTrace();
-    ASSERT_EQ(logger->Lines().size(), 1u);
-    EXPECT_EQ(logger->Lines()[0].text, "STACK 2 64");
-}

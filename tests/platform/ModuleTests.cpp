@@ -1,6 +1,7 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 
 #include "Core/AbiGuard.h"
@@ -22,19 +23,18 @@ TEST(Dll, AModuleAlreadyLoadedStaysLoaded) {
     Core::Ptr<Platform::Interfaces::IDll> dll;
     Core::Ptr<Core::IErrorCode> error;
     ASSERT_TRUE(CreateDll("libTellarData.so", dll.ReceiveAddress(), error.ReceiveAddress()));
-    EXPECT_STREQ(dll->GetName(), "libTellarData.so");
     EXPECT_TRUE(dll->HasSymbol("Data_CreateArray"));
     EXPECT_FALSE(dll->HasSymbol("Data_NoSuchThing"));
-    void* first = dll->_abi_GetSymbol("Data_CreateArray", error.ReceiveAddress());
-    EXPECT_EQ(first, dlsym(RTLD_DEFAULT, "Data_CreateArray"));
-    EXPECT_EQ(dll->_abi_GetSymbol("Data_CreateArray", error.ReceiveAddress()), first);
+    EXPECT_EQ(dll->_abi_GetSymbol("Data_CreateArray", error.ReceiveAddress()), dlsym(RTLD_DEFAULT, "Data_CreateArray"));
+    EXPECT_EQ(dll->_abi_GetSymbol("Data_Missing", error.ReceiveAddress()), nullptr);
+    EXPECT_STREQ(error->GetMessage(), "2: Data_Missing");
     dll.Reset();
     void* still = dlopen("libTellarData.so", RTLD_NOW | RTLD_NOLOAD);
     ASSERT_NE(still, nullptr);
     dlclose(still);
 }
 
-TEST(Dll, MissingModuleAndMissingSymbol) {
+TEST(Dll, AMissingModuleIsLoggedAndRefused) {
     TestSupport::ScopedRecordingLogger logger;
     Core::Ptr<Platform::Interfaces::IDll> dll;
     Core::Ptr<Core::IErrorCode> error;
@@ -47,11 +47,6 @@ TEST(Dll, MissingModuleAndMissingSymbol) {
                                   0),
               0u);
     EXPECT_EQ(lines[1].text.rfind("FATAL: 2: Failed to load library: libNoSuchModule.so", 0), 0u);
-
-    error.Reset();
-    ASSERT_TRUE(CreateDll("libTellarData.so", dll.ReceiveAddress(), error.ReceiveAddress()));
-    EXPECT_EQ(dll->_abi_GetSymbol("Data_Missing", error.ReceiveAddress()), nullptr);
-    EXPECT_STREQ(error->GetMessage(), "2: Data_Missing");
 }
 
 TEST(StackTrace, NamesTheCallerAndNumbersFrames) {
