@@ -59,7 +59,6 @@ public:
             });
         };
         fixed("/hello", "hello world", "application/octet-stream");
-        fixed("/text", std::string(5000, 'x') + "end", "text/plain");
         fixed("/notype", "no type", nullptr);
         fixed("/wrongtype", "this is not a png", "image/png");
         fixed("/empty", "", "application/octet-stream");
@@ -187,7 +186,6 @@ public:
 
     int Port() const { return port_; }
     std::string Base() const { return "http://127.0.0.1:" + std::to_string(port_); }
-    bool Stopping() const { return stopping_; }
 
     static void SendAll(int fd, const std::string& text) {
         size_t sent = 0;
