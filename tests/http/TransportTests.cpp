@@ -36,15 +36,18 @@ struct Exchange {
         std::lock_guard lock(mutex);
         return events;
     }
+    // The transport is called outside the lock: it may call back on this thread.
+    template <class F>
+    void Locked(F f) {
+        std::lock_guard lock(mutex);
+        f();
+    }
 
     static void Callback(T::Handle handle, void* context, uint32_t status, void* info, uint32_t length) {
         auto* x = static_cast<Exchange*>(context);
         if (!x) return;
         if (x->closed) x->afterClosing++;
-        {
-            std::lock_guard lock(x->mutex);
-            x->events.push_back(status);
-        }
+        x->Locked([&] { x->events.push_back(status); });
         switch (status) {
         case T::StatusSendRequestComplete:
             if (x->receiveOnSend) T::ReceiveResponse(handle, nullptr);
@@ -56,19 +59,13 @@ struct Exchange {
             std::string text(size, '\0');
             EXPECT_TRUE(T::QueryHeaders(handle, T::QueryRawHeadersCrlf, nullptr, text.data(), &size, nullptr));
             text.resize(size);
-            {
-                std::lock_guard lock(x->mutex);
-                x->headers = text;
-            }
+            x->Locked([&] { x->headers = text; });
             if (x->readBody) T::ReadData(handle, x->buffer, sizeof(x->buffer), nullptr);
             break;
         }
         case T::StatusReadComplete:
             if (length > 0) {
-                {
-                    std::lock_guard lock(x->mutex);
-                    x->body.append(static_cast<const char*>(info), length);
-                }
+                x->Locked([&] { x->body.append(static_cast<const char*>(info), length); });
                 T::ReadData(handle, x->buffer, sizeof(x->buffer), nullptr);
             } else {
                 T::CloseHandle(handle);
@@ -76,11 +73,10 @@ struct Exchange {
             break;
         case T::StatusRequestError: {
             const auto* result = static_cast<const T::AsyncResult*>(info);
-            {
-                std::lock_guard lock(x->mutex);
+            x->Locked([&] {
                 x->error = result->error;
                 x->errorApi = static_cast<uint32_t>(result->api);
-            }
+            });
             T::CloseHandle(handle);
             break;
         }
@@ -127,8 +123,8 @@ private:
 using Events = std::vector<uint32_t>;
 
 // Runs one GET to `port` and returns once its handle closed.
-void RunOne(Exchange& x, int port, const char* path = "/", int32_t receiveTimeout = 30000) {
-    Session session(port, receiveTimeout);
+void RunOne(Exchange& x, int port, const char* path) {
+    Session session(port);
     session.Start(x, path);
     ASSERT_TRUE(WaitUntil([&] { return x.closed.load(); }));
 }
