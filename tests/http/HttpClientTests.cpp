@@ -266,11 +266,7 @@ TEST(AsyncStream, QueueChecksInTheirOrder) {
 }
 
 TEST_F(HttpClientTest, ClosingInFlightCallsBackWithNullAndFreesEverything) {
-    RawServer hang([](int fd, const std::string&) {
-        char byte;
-        while (::recv(fd, &byte, 1, 0) > 0) {
-        }
-    });
+    RawServer hang(RawServer::Hang);
     ScopedRecordingLogger logger;
     std::atomic<int> liveUserObjects{0};
     std::atomic<int> nullCalls{0};

@@ -158,14 +158,8 @@ TEST(Transport, StaleHandlesAndBadArgumentsFail) {
     EXPECT_EQ(T::GetLastError(), T::ErrorInvalidHandle);
 }
 
-void Hang(int fd, const std::string&) {
-    char byte;
-    while (::recv(fd, &byte, 1, 0) > 0) {
-    }
-}
-
 TEST(Transport, ClosingInFlightGivesCancelledThenOneClosing) {
-    RawServer server(Hang);
+    RawServer server(RawServer::Hang);
     Exchange x;
     {
         Session session(server.Port());
@@ -219,7 +213,7 @@ TEST(Transport, MisbehavingServersCarryTheWinHttpNumber) {
         {"TruncatedAskedLate", send(truncated), true, T::ErrorConnectionError, 0, "0123456789",
          lateEvents},
         {"Reset", [](int fd, const std::string&) { RawServer::Reset(fd); }, false, T::ErrorConnectionError, 0, "", {}},
-        {"NoAnswerTimesOut", Hang, false, T::ErrorTimeout, 0, "", {}},
+        {"NoAnswerTimesOut", RawServer::Hang, false, T::ErrorTimeout, 0, "", {}},
         {"Garbage", send("NOT HTTP AT ALL\r\n\r\n"), false, T::ErrorInvalidServerResponse, 0, "",
          {}},
         {"BodyDelimitedByClose", send("HTTP/1.0 200 Fine\r\nX-A: 1\r\n\r\nbody until close"), false, 0, 0,

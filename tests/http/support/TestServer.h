@@ -196,6 +196,13 @@ public:
         }
     }
 
+    // Reads until the client goes and never answers.
+    static void Hang(int fd, const std::string&) {
+        char byte;
+        while (::recv(fd, &byte, 1, 0) > 0) {
+        }
+    }
+
     // Ends the connection with a reset instead of an orderly close.
     static void Reset(int fd) {
         linger option{1, 0};
