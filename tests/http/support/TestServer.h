@@ -55,7 +55,10 @@ public:
         server_.set_keep_alive_timeout(1); // bounds how long stop() waits for idle connections
         const auto fixed = [this](const char* path, const std::string& body, const char* type) {
             server_.Get(path, [body, type](const httplib::Request&, httplib::Response& res) {
-                if (type) res.set_content(body, type); else res.body = body;
+                if (type)
+                    res.set_content(body, type);
+                else
+                    res.body = body; // no type given
             });
         };
         fixed("/hello", "hello world", "application/octet-stream");
