@@ -28,9 +28,6 @@ struct Exchange {
     std::atomic<bool> closed{false};
     T::Handle handle = nullptr;
     char buffer[32768];
-    std::vector<std::string> uploads;
-    size_t nextUpload = 0;
-    bool uploadEndMarker = true;
     bool readBody = true;
     bool receiveOnSend = true; // false: the test asks for the response itself
     std::atomic<int> afterClosing{0};
@@ -39,35 +36,22 @@ struct Exchange {
         std::lock_guard lock(mutex);
         return events;
     }
-
-    void Pump() {
-        if (nextUpload < uploads.size()) {
-            const std::string& block = uploads[nextUpload++];
-            T::WriteData(handle, block.data(), static_cast<uint32_t>(block.size()), nullptr);
-            return;
-        }
-        if (uploadEndMarker) T::WriteData(handle, nullptr, 0, nullptr);
-        uploadEndMarker = false;
-        T::ReceiveResponse(handle, nullptr);
+    // The transport is called outside the lock: it may call back on this thread.
+    template <class F>
+    void Locked(F f) {
+        std::lock_guard lock(mutex);
+        f();
     }
 
     static void Callback(T::Handle handle, void* context, uint32_t status, void* info, uint32_t length) {
         auto* x = static_cast<Exchange*>(context);
         if (!x) return;
         if (x->closed) x->afterClosing++;
-        {
-            std::lock_guard lock(x->mutex);
-            x->events.push_back(status);
-        }
+        x->Locked([&] { x->events.push_back(status); });
         switch (status) {
         case T::StatusSendRequestComplete:
-            if (!x->receiveOnSend) break;
-            if (x->uploads.empty())
-                T::ReceiveResponse(handle, nullptr);
-            else
-                x->Pump();
+            if (x->receiveOnSend) T::ReceiveResponse(handle, nullptr);
             break;
-        case T::StatusWriteComplete: x->Pump(); break;
         case T::StatusHeadersAvailable: {
             uint32_t size = 0;
             EXPECT_FALSE(T::QueryHeaders(handle, T::QueryRawHeadersCrlf, nullptr, nullptr, &size, nullptr));
@@ -75,19 +59,13 @@ struct Exchange {
             std::string text(size, '\0');
             EXPECT_TRUE(T::QueryHeaders(handle, T::QueryRawHeadersCrlf, nullptr, text.data(), &size, nullptr));
             text.resize(size);
-            {
-                std::lock_guard lock(x->mutex);
-                x->headers = text;
-            }
+            x->Locked([&] { x->headers = text; });
             if (x->readBody) T::ReadData(handle, x->buffer, sizeof(x->buffer), nullptr);
             break;
         }
         case T::StatusReadComplete:
             if (length > 0) {
-                {
-                    std::lock_guard lock(x->mutex);
-                    x->body.append(static_cast<const char*>(info), length);
-                }
+                x->Locked([&] { x->body.append(static_cast<const char*>(info), length); });
                 T::ReadData(handle, x->buffer, sizeof(x->buffer), nullptr);
             } else {
                 T::CloseHandle(handle);
@@ -95,11 +73,10 @@ struct Exchange {
             break;
         case T::StatusRequestError: {
             const auto* result = static_cast<const T::AsyncResult*>(info);
-            {
-                std::lock_guard lock(x->mutex);
+            x->Locked([&] {
                 x->error = result->error;
                 x->errorApi = static_cast<uint32_t>(result->api);
-            }
+            });
             T::CloseHandle(handle);
             break;
         }
@@ -131,16 +108,11 @@ public:
         T::CloseHandle(session_);
     }
 
-    void Start(Exchange& x, const char* verb, const char* path, const std::string& headers = {},
-               const std::string& data = {}) {
+    void Start(Exchange& x, const char* path) {
         const char* accept[] = {"*/*", nullptr};
-        x.handle = T::OpenRequest(connection_, verb, path, "HTTP/2.0", nullptr, accept, 0);
+        x.handle = T::OpenRequest(connection_, "GET", path, "HTTP/2.0", nullptr, accept, 0);
         ASSERT_NE(x.handle, nullptr);
-        if (!headers.empty()) {
-            ASSERT_TRUE(T::AddRequestHeaders(x.handle, headers.c_str(), -1, T::AddRequestFlagAdd));
-        }
-        ASSERT_TRUE(T::SendRequest(x.handle, nullptr, 0, data.empty() ? nullptr : data.data(),
-                                   static_cast<uint32_t>(data.size()), static_cast<uint32_t>(data.size()), &x));
+        ASSERT_TRUE(T::SendRequest(x.handle, nullptr, 0, nullptr, 0, 0, &x));
     }
 
 private:
@@ -148,22 +120,25 @@ private:
     T::Handle connection_ = nullptr;
 };
 
-std::vector<uint32_t> Sequence(std::initializer_list<uint32_t> events) { return events; }
+using Events = std::vector<uint32_t>;
+
+// Runs one GET to `port` and returns once its handle closed.
+void RunOne(Exchange& x, int port, const char* path) {
+    Session session(port);
+    session.Start(x, path);
+    ASSERT_TRUE(WaitUntil([&] { return x.closed.load(); }));
+}
 
 TEST(Transport, BufferedGetDeliversEventsInOrderAndClosingLast) {
     TestServer server;
     Exchange x;
-    {
-        Session session(server.Port());
-        session.Start(x, "GET", "/hello");
-        ASSERT_TRUE(WaitUntil([&] { return x.closed.load(); }));
-    }
+    RunOne(x, server.Port(), "/hello");
     EXPECT_EQ(x.body, "hello world");
     EXPECT_EQ(x.headers.rfind("HTTP/1.1 200 OK\r\n", 0), 0u) << x.headers;
     EXPECT_NE(x.headers.find("Content-Length: 11\r\n"), std::string::npos);
     EXPECT_EQ(x.headers.substr(x.headers.size() - 4), "\r\n\r\n");
-    EXPECT_EQ(x.Events(), Sequence({T::StatusSendRequestComplete, T::StatusHeadersAvailable, T::StatusReadComplete,
-                                    T::StatusReadComplete, T::StatusHandleClosing}));
+    EXPECT_EQ(x.Events(), (Events{T::StatusSendRequestComplete, T::StatusHeadersAvailable, T::StatusReadComplete,
+                                  T::StatusReadComplete, T::StatusHandleClosing}));
     EXPECT_EQ(x.afterClosing.load(), 0);
     EXPECT_TRUE(WaitUntil([] { return T::OpenHandleCount() == 0; }));
 }
@@ -174,32 +149,26 @@ TEST(Transport, StaleHandlesAndBadArgumentsFail) {
     EXPECT_FALSE(T::ReadData(T::InvalidHandle(), nullptr, 0, nullptr));
     TestServer server;
     Exchange x;
-    {
-        Session session(server.Port());
-        session.Start(x, "GET", "/hello");
-        EXPECT_FALSE(T::SendRequest(x.handle, nullptr, 0, nullptr, 0, 0, &x));
-        EXPECT_EQ(T::GetLastError(), T::ErrorIncorrectHandleState);
-        ASSERT_TRUE(WaitUntil([&] { return x.closed.load(); }));
-        EXPECT_FALSE(T::ReadData(x.handle, x.buffer, 1, nullptr));
-        EXPECT_EQ(T::GetLastError(), T::ErrorInvalidHandle);
-    }
+    Session session(server.Port());
+    session.Start(x, "/hello");
+    EXPECT_FALSE(T::SendRequest(x.handle, nullptr, 0, nullptr, 0, 0, &x));
+    EXPECT_EQ(T::GetLastError(), T::ErrorIncorrectHandleState);
+    ASSERT_TRUE(WaitUntil([&] { return x.closed.load(); }));
+    EXPECT_FALSE(T::ReadData(x.handle, x.buffer, 1, nullptr));
+    EXPECT_EQ(T::GetLastError(), T::ErrorInvalidHandle);
 }
 
 TEST(Transport, ClosingInFlightGivesCancelledThenOneClosing) {
-    RawServer server([](int fd, const std::string&) {
-        char byte;
-        while (::recv(fd, &byte, 1, 0) > 0) {
-        }
-    });
+    RawServer server(RawServer::Hang);
     Exchange x;
     {
         Session session(server.Port());
-        session.Start(x, "GET", "/hang");
+        session.Start(x, "/hang");
         ASSERT_TRUE(WaitUntil([&] { return !x.Events().empty(); }));
         ASSERT_TRUE(T::CloseHandle(x.handle));
         ASSERT_TRUE(WaitUntil([&] { return x.closed.load(); }));
     }
-    EXPECT_EQ(x.Events(), Sequence({T::StatusSendRequestComplete, T::StatusRequestError, T::StatusHandleClosing}));
+    EXPECT_EQ(x.Events(), (Events{T::StatusSendRequestComplete, T::StatusRequestError, T::StatusHandleClosing}));
     EXPECT_EQ(x.error, T::ErrorOperationCancelled);
     EXPECT_EQ(x.errorApi, T::ApiReceiveResponse);
 }
@@ -209,7 +178,7 @@ TEST(Transport, ClosingBeforeSendGivesOnlyClosing) {
     Session session(server.Port());
     const uint32_t before = static_cast<uint32_t>(T::OpenHandleCount());
     Exchange x;
-    session.Start(x, "GET", "/slow?ms=2000");
+    session.Start(x, "/slow?ms=2000");
     ASSERT_TRUE(T::CloseHandle(x.handle));
     ASSERT_TRUE(WaitUntil([&] { return x.closed.load(); }));
     const auto events = x.Events();
@@ -219,115 +188,75 @@ TEST(Transport, ClosingBeforeSendGivesOnlyClosing) {
     EXPECT_TRUE(WaitUntil([&] { return T::OpenHandleCount() <= before; }));
 }
 
-struct FailureCase {
-    const char* name;
-    std::function<void(int, const std::string&)> answer;
-    uint32_t error;
-    const char* partialBody;
-};
-
-class TransportFailure : public testing::TestWithParam<FailureCase> {};
-
-TEST_P(TransportFailure, CarriesTheWinHttpNumber) {
-    RawServer server(GetParam().answer);
-    Exchange x;
-    {
-        Session session(server.Port(), 500);
-        session.Start(x, "GET", "/");
-        ASSERT_TRUE(WaitUntil([&] { return x.closed.load(); }));
+// Answers a proper server would not give, each with the transport's number and the events it
+// delivers. An empty event list asks only for one error and the closing last.
+TEST(Transport, MisbehavingServersCarryTheWinHttpNumber) {
+    const auto send = [](const char* text) {
+        return [text](int fd, const std::string&) { RawServer::SendAll(fd, text); };
+    };
+    const char* truncated = "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n0123456789";
+    const Events okEvents = {T::StatusSendRequestComplete, T::StatusHeadersAvailable, T::StatusReadComplete,
+                             T::StatusReadComplete, T::StatusHandleClosing};
+    const Events lateEvents = {T::StatusSendRequestComplete, T::StatusHeadersAvailable, T::StatusReadComplete,
+                               T::StatusRequestError, T::StatusHandleClosing};
+    struct Case {
+        const char* name;
+        RawServer::Handler answer; // empty: nobody listens on the port
+        bool askLate;              // the response is asked for only after the transfer ended
+        uint32_t error, errorApi; // errorApi 0: not checked
+        const char* body;
+        Events events;
+    } cases[] = {
+        {"Truncated", send(truncated), false, T::ErrorConnectionError, 0, "0123456789", {}},
+        // A short body wholly arrived before the response is asked for still gives its headers
+        // and bytes first, then the failure.
+        {"TruncatedAskedLate", send(truncated), true, T::ErrorConnectionError, 0, "0123456789",
+         lateEvents},
+        {"Reset", [](int fd, const std::string&) { RawServer::Reset(fd); }, false, T::ErrorConnectionError, 0, "", {}},
+        {"NoAnswerTimesOut", RawServer::Hang, false, T::ErrorTimeout, 0, "", {}},
+        {"Garbage", send("NOT HTTP AT ALL\r\n\r\n"), false, T::ErrorInvalidServerResponse, 0, "",
+         {}},
+        {"BodyDelimitedByClose", send("HTTP/1.0 200 Fine\r\nX-A: 1\r\n\r\nbody until close"), false, 0, 0,
+         "body until close", okEvents},
+        {"Refused", nullptr, false, T::ErrorCannotConnect, T::ApiSendRequest, "",
+         {T::StatusRequestError, T::StatusHandleClosing}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        auto server = std::make_unique<RawServer>(c.answer ? c.answer : [](int, const std::string&) {});
+        const int port = server->Port();
+        if (!c.answer) server.reset();
+        Exchange x;
+        x.receiveOnSend = !c.askLate;
+        {
+            Session session(port, 500);
+            session.Start(x, "/");
+            if (c.askLate) {
+                ASSERT_TRUE(WaitUntil([&] { return !x.Events().empty(); }));
+                // Give the transfer time to end before the response is asked for.
+                std::this_thread::sleep_for(std::chrono::milliseconds(200));
+                ASSERT_TRUE(T::ReceiveResponse(x.handle, nullptr));
+            }
+            ASSERT_TRUE(WaitUntil([&] { return x.closed.load(); }));
+        }
+        EXPECT_EQ(x.error, c.error);
+        if (c.errorApi) {
+            EXPECT_EQ(x.errorApi, c.errorApi);
+        }
+        EXPECT_EQ(x.body, c.body);
+        const auto events = x.Events();
+        if (!c.events.empty()) {
+            EXPECT_EQ(events, c.events);
+        }
+        EXPECT_EQ(std::count(events.begin(), events.end(), T::StatusRequestError), c.error ? 1 : 0);
+        EXPECT_EQ(events.back(), T::StatusHandleClosing);
     }
-    EXPECT_EQ(x.error, GetParam().error);
-    EXPECT_EQ(x.body, GetParam().partialBody);
-    const auto events = x.Events();
-    EXPECT_EQ(std::count(events.begin(), events.end(), T::StatusRequestError), 1);
-    EXPECT_EQ(events.back(), T::StatusHandleClosing);
-}
-
-// A short body that has wholly arrived before the response is asked for still gives its headers
-// and bytes first, then the failure.
-TEST(Transport, FailureWaitsForTheResponseAskedLate) {
-    RawServer server([](int fd, const std::string&) {
-        RawServer::SendAll(fd, "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n0123456789");
-    });
-    Exchange x;
-    x.receiveOnSend = false;
-    {
-        Session session(server.Port());
-        session.Start(x, "GET", "/");
-        ASSERT_TRUE(WaitUntil([&] { return !x.Events().empty(); }));
-        // Give the transfer time to end before the response is asked for.
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        ASSERT_TRUE(T::ReceiveResponse(x.handle, nullptr));
-        ASSERT_TRUE(WaitUntil([&] { return x.closed.load(); }));
-    }
-    EXPECT_EQ(x.body, "0123456789");
-    EXPECT_NE(x.headers.find("Content-Length: 100"), std::string::npos);
-    EXPECT_EQ(x.error, T::ErrorConnectionError);
-    EXPECT_EQ(x.Events(), Sequence({T::StatusSendRequestComplete, T::StatusHeadersAvailable, T::StatusReadComplete,
-                                    T::StatusRequestError, T::StatusHandleClosing}));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Answers, TransportFailure,
-    testing::Values(
-        FailureCase{"Truncated",
-                    [](int fd, const std::string&) {
-                        RawServer::SendAll(fd, "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n0123456789");
-                    },
-                    T::ErrorConnectionError, "0123456789"},
-        FailureCase{"Reset", [](int fd, const std::string&) { RawServer::Reset(fd); }, T::ErrorConnectionError, ""},
-        FailureCase{"NoAnswerTimesOut",
-                    [](int fd, const std::string&) {
-                        char byte;
-                        while (::recv(fd, &byte, 1, 0) > 0) {
-                        }
-                    },
-                    T::ErrorTimeout, ""},
-        FailureCase{"Garbage", [](int fd, const std::string&) { RawServer::SendAll(fd, "NOT HTTP AT ALL\r\n\r\n"); },
-                    T::ErrorInvalidServerResponse, ""}),
-    [](const testing::TestParamInfo<FailureCase>& info) { return std::string(info.param.name); });
-
-TEST(Transport, BodyDelimitedByCloseEndsWithEmptyRead) {
-    RawServer server([](int fd, const std::string&) {
-        RawServer::SendAll(fd, "HTTP/1.0 200 Fine\r\nX-A: 1\r\n\r\nbody until close");
-    });
-    Exchange x;
-    {
-        Session session(server.Port());
-        session.Start(x, "GET", "/");
-        ASSERT_TRUE(WaitUntil([&] { return x.closed.load(); }));
-    }
-    EXPECT_EQ(x.error, 0u);
-    EXPECT_EQ(x.body, "body until close");
-    EXPECT_EQ(x.Events(), Sequence({T::StatusSendRequestComplete, T::StatusHeadersAvailable, T::StatusReadComplete,
-                                    T::StatusReadComplete, T::StatusHandleClosing}));
-}
-
-TEST(Transport, RefusedConnectionIsCannotConnect) {
-    int port;
-    {
-        RawServer gone([](int, const std::string&) {});
-        port = gone.Port();
-    }
-    Exchange x;
-    {
-        Session session(port);
-        session.Start(x, "GET", "/");
-        ASSERT_TRUE(WaitUntil([&] { return x.closed.load(); }));
-    }
-    EXPECT_EQ(x.error, T::ErrorCannotConnect);
-    EXPECT_EQ(x.errorApi, T::ApiSendRequest);
-    EXPECT_EQ(x.Events(), Sequence({T::StatusRequestError, T::StatusHandleClosing}));
 }
 
 TEST(Transport, DecodedBodyLosesLengthAndEncodingHeaders) {
     TestServer server;
     Exchange x;
-    {
-        Session session(server.Port());
-        session.Start(x, "GET", "/gzip");
-        ASSERT_TRUE(WaitUntil([&] { return x.closed.load(); }));
-    }
+    RunOne(x, server.Port(), "/gzip");
     EXPECT_EQ(x.body, TestServer::GzipText());
     EXPECT_EQ(x.headers.find("Content-Length"), std::string::npos) << x.headers;
     EXPECT_EQ(x.headers.find("Content-Encoding"), std::string::npos) << x.headers;
@@ -339,9 +268,9 @@ TEST(Transport, ChunkedResponseAndRedirectsAreFollowed) {
     Exchange chunked, redirected, tooMany;
     {
         Session session(server.Port());
-        session.Start(chunked, "GET", "/chunked");
-        session.Start(redirected, "GET", "/redirect?n=10");
-        session.Start(tooMany, "GET", "/redirect?n=11");
+        session.Start(chunked, "/chunked");
+        session.Start(redirected, "/redirect?n=10");
+        session.Start(tooMany, "/redirect?n=11");
         ASSERT_TRUE(WaitUntil([&] { return chunked.closed && redirected.closed && tooMany.closed; }));
     }
     EXPECT_EQ(chunked.body.size(), 30000u);
@@ -358,91 +287,14 @@ TEST(Transport, LargeBodyReadSlowlyArrivesWhole) {
     x.readBody = false;
     {
         Session session(server.Port());
-        session.Start(x, "GET", ("/large?bytes=" + std::to_string(size)).c_str());
+        session.Start(x, ("/large?bytes=" + std::to_string(size)).c_str());
         ASSERT_TRUE(WaitUntil([&] { return x.Events().size() >= 2; }));
         // Nobody reads for a while: the transfer must pause, not buffer the whole body.
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
         T::ReadData(x.handle, x.buffer, sizeof(x.buffer), nullptr);
         ASSERT_TRUE(WaitUntil([&] { return x.closed.load(); }, std::chrono::seconds(120)));
     }
-    ASSERT_EQ(x.body.size(), size);
-    bool same = true;
-    for (size_t i = 0; i < size && same; ++i) same = x.body[i] == TestSupport::PatternByte(i);
-    EXPECT_TRUE(same);
-}
-
-std::string Pattern(size_t size) {
-    std::string text(size, '\0');
-    for (size_t i = 0; i < size; ++i) text[i] = TestSupport::PatternByte(i * 3);
-    return text;
-}
-
-std::string Expected(const std::string& body, const char* mode, const char* method = "POST") {
-    return std::to_string(body.size()) + " " + std::to_string(Core::Fnv1a64(body.data(), body.size())) + " " + mode +
-           " " + method;
-}
-
-TEST(Transport, UploadsInMemorySizedAndChunked) {
-    TestServer server;
-    const std::string body = Pattern(100000);
-    Exchange memory, empty, sized, chunked, chunkedEmpty, put;
-    {
-        Session session(server.Port());
-        session.Start(memory, "POST", "/upload", {}, body);
-        session.Start(empty, "POST", "/upload");
-        session.Start(put, "PUT", "/upload", {}, body);
-
-        sized.uploads = {body.substr(0, 60000), body.substr(60000)};
-        session.Start(sized, "POST", "/upload", "Content-Length: 100000\r\n");
-
-        auto frame = [](const std::string& data) {
-            char head[32];
-            std::snprintf(head, sizeof(head), "%zX\r\n", data.size());
-            return head + data + "\r\n";
-        };
-        chunked.uploads = {frame(body.substr(0, 30000)), frame(body.substr(30000)), "0\r\n\r\n"};
-        chunked.uploadEndMarker = false;
-        session.Start(chunked, "POST", "/upload", "Transfer-Encoding: chunked\r\n");
-
-        chunkedEmpty.uploads = {"0\r\n\r\n"};
-        chunkedEmpty.uploadEndMarker = false;
-        session.Start(chunkedEmpty, "POST", "/upload", "Transfer-Encoding: Chunked\r\n");
-
-        ASSERT_TRUE(WaitUntil([&] {
-            return memory.closed && empty.closed && sized.closed && chunked.closed && chunkedEmpty.closed && put.closed;
-        }));
-    }
-    EXPECT_EQ(memory.body, Expected(body, "sized"));
-    EXPECT_EQ(empty.body, Expected("", "sized"));
-    EXPECT_EQ(put.body, Expected(body, "sized", "PUT"));
-    EXPECT_EQ(sized.body, Expected(body, "sized"));
-    EXPECT_EQ(chunked.body, Expected(body, "chunked"));
-    EXPECT_EQ(chunkedEmpty.body, Expected("", "Chunked"));
-    const auto events = sized.Events();
-    EXPECT_EQ(std::count(events.begin(), events.end(), T::StatusWriteComplete), 2);
-}
-
-TEST(Transport, ManyRequestsInFlightAllComplete) {
-    TestServer server;
-    constexpr int count = 2000;
-    std::vector<std::unique_ptr<Exchange>> exchanges;
-    {
-        Session session(server.Port());
-        for (int i = 0; i < count; ++i) {
-            exchanges.push_back(std::make_unique<Exchange>());
-            session.Start(*exchanges.back(), "GET", "/hello");
-        }
-        ASSERT_TRUE(WaitUntil(
-            [&] {
-                return std::all_of(exchanges.begin(), exchanges.end(), [](const auto& x) { return x->closed.load(); });
-            },
-            std::chrono::seconds(120)));
-    }
-    for (const auto& x : exchanges) {
-        EXPECT_EQ(x->body, "hello world");
-        EXPECT_EQ(x->error, 0u);
-    }
-    EXPECT_TRUE(WaitUntil([] { return T::OpenHandleCount() == 0; }));
+    EXPECT_TRUE(TestSupport::IsPattern(x.body.data(), x.body.size(), size));
 }
 
 } // namespace

@@ -25,6 +25,14 @@ namespace TestSupport {
 // Deterministic body bytes: byte i of a large body.
 inline char PatternByte(uint64_t i) { return static_cast<char>('a' + (i * 7 + i / 251) % 26); }
 
+// Whether `data` holds exactly the first `size` pattern bytes.
+inline bool IsPattern(const char* data, uint64_t actual, uint64_t size) {
+    if (actual != size) return false;
+    for (uint64_t i = 0; i < size; ++i)
+        if (data[i] != PatternByte(i)) return false;
+    return true;
+}
+
 inline std::string Gzip(const std::string& text) {
     z_stream stream{};
     deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, 31, 8, Z_DEFAULT_STRATEGY);
@@ -45,12 +53,18 @@ public:
         server_.new_task_queue = [] { return new httplib::ThreadPool(192); };
         server_.set_keep_alive_max_count(1000);
         server_.set_keep_alive_timeout(1); // bounds how long stop() waits for idle connections
-        server_.Get("/hello", [](const httplib::Request&, httplib::Response& res) {
-            res.set_content("hello world", "application/octet-stream");
-        });
-        server_.Get("/text", [](const httplib::Request&, httplib::Response& res) {
-            res.set_content(std::string(5000, 'x') + "end", "text/plain");
-        });
+        const auto fixed = [this](const char* path, const std::string& body, const char* type) {
+            server_.Get(path, [body, type](const httplib::Request&, httplib::Response& res) {
+                if (type)
+                    res.set_content(body, type);
+                else
+                    res.body = body; // no type given
+            });
+        };
+        fixed("/hello", "hello world", "application/octet-stream");
+        fixed("/notype", "no type", nullptr);
+        fixed("/wrongtype", "this is not a png", "image/png");
+        fixed("/empty", "", "application/octet-stream");
         server_.Get("/slow", [](const httplib::Request& req, httplib::Response& res) {
             const int ms = req.has_param("ms") ? std::stoi(req.get_param_value("ms")) : 300;
             std::this_thread::sleep_for(std::chrono::milliseconds(ms));
@@ -59,13 +73,6 @@ public:
         server_.Get(R"(/status/(\d+))", [](const httplib::Request& req, httplib::Response& res) {
             res.status = std::stoi(req.matches[1]);
             if (res.status != 204) res.set_content("status " + std::string(req.matches[1]), "text/html");
-        });
-        server_.Get("/notype", [](const httplib::Request&, httplib::Response& res) { res.body = "no type"; });
-        server_.Get("/wrongtype", [](const httplib::Request&, httplib::Response& res) {
-            res.set_content("this is not a png", "image/png");
-        });
-        server_.Get("/empty", [](const httplib::Request&, httplib::Response& res) {
-            res.set_content("", "application/octet-stream");
         });
         server_.Get("/gzip", [](const httplib::Request&, httplib::Response& res) {
             res.set_header("Content-Encoding", "gzip");
@@ -111,7 +118,6 @@ public:
         server_.Post("/upload", upload);
         server_.Put("/upload", upload);
         server_.Patch("/upload", upload);
-        server_.Delete("/upload", upload);
         // The library listens with a backlog of 5; bursts of connections would then stall in
         // SYN retries, so the listening socket gets a deep backlog once bound.
         server_.set_socket_options([this](int fd) {
@@ -183,7 +189,6 @@ public:
 
     int Port() const { return port_; }
     std::string Base() const { return "http://127.0.0.1:" + std::to_string(port_); }
-    bool Stopping() const { return stopping_; }
 
     static void SendAll(int fd, const std::string& text) {
         size_t sent = 0;
@@ -191,6 +196,13 @@ public:
             const ssize_t n = ::send(fd, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
             if (n <= 0) return;
             sent += static_cast<size_t>(n);
+        }
+    }
+
+    // Reads until the client goes and never answers.
+    static void Hang(int fd, const std::string&) {
+        char byte;
+        while (::recv(fd, &byte, 1, 0) > 0) {
         }
     }
 
