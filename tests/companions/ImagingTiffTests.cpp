@@ -10,38 +10,28 @@
 
 #include <gtest/gtest.h>
 
-#include "Core/AbiGuard.h"
+#include "BoundaryCalls.h"
 #include "ImageWriters.h"
 #include "TellarImaging/Exports.h"
 #include "TempDir.h"
 
 using namespace TellarImaging;
 using Core::Ptr;
+using BoundaryCalls::Failure;
+using BoundaryCalls::Made;
 
 namespace {
 
 Ptr<ITransform> Transform(double sx, double sy, double ox, double oy, double kx = 0, double ky = 0) {
-    Ptr<ITransform> t;
-    Ptr<Core::IErrorCode> error;
-    CreateTransformFromParams(sx, sy, ox, oy, kx, ky, t.ReceiveAddress(), error.ReceiveAddress());
-    Core::ThrowIfError(error);
-    return t;
+    return Made<ITransform>([&](auto out, auto error) { CreateTransformFromParams(sx, sy, ox, oy, kx, ky, out, error); });
 }
 
 Ptr<ITiffImage> NewTiff(int32_t width, int32_t height, int32_t type) {
-    Ptr<ITiffImage> image;
-    Ptr<Core::IErrorCode> error;
-    CreateTiffImage(width, height, type, image.ReceiveAddress(), error.ReceiveAddress());
-    Core::ThrowIfError(error);
-    return image;
+    return Made<ITiffImage>([&](auto out, auto error) { CreateTiffImage(width, height, type, out, error); });
 }
 
 Ptr<IImage> Open(const std::string& path) {
-    Ptr<IImage> image;
-    Ptr<Core::IErrorCode> error;
-    OpenImageA(path.c_str(), image.ReceiveAddress(), error.ReceiveAddress());
-    Core::ThrowIfError(error);
-    return image;
+    return Made<IImage>([&](auto out, auto error) { OpenImageA(path.c_str(), out, error); });
 }
 
 void Save(IImage* image, const std::string& path, int32_t format) {
@@ -102,9 +92,8 @@ TEST(Transform, PixelToWorldAndBack) {
     EXPECT_EQ(std::trunc(px), 7.0);
 
     Ptr<ITransform> singular;
-    Ptr<Core::IErrorCode> error;
-    EXPECT_FALSE(CreateTransformFromParams(0.0, -1.0, 0, 0, 0, 0, singular.ReceiveAddress(), error.ReceiveAddress()));
-    EXPECT_STREQ(error->GetMessage(), "Transform is not invertible");
+    EXPECT_EQ(Failure([&](auto error) { return CreateTransformFromParams(0.0, -1.0, 0, 0, 0, 0, singular.ReceiveAddress(), error); }),
+              "Transform is not invertible");
 }
 
 TEST(TiffImage, CreateEveryNamedTypeAndRefuseOthers) {
@@ -134,8 +123,7 @@ TEST(TiffImage, CreateEveryNamedTypeAndRefuseOthers) {
     EXPECT_EQ(NewTiff(0, 0, PixelDataTypeRgba32)->GetWidth(), 0);
 
     Ptr<ITiffImage> none;
-    Ptr<Core::IErrorCode> error;
-    EXPECT_FALSE(CreateTiffImage(4, 4, 99, none.ReceiveAddress(), error.ReceiveAddress()));
+    EXPECT_FALSE(CreateTiffImage(4, 4, 99, none.ReceiveAddress(), nullptr));
     EXPECT_FALSE(CreateTiffImage(4, 4, PixelDataTypeUnknown, none.ReceiveAddress(), nullptr));
     EXPECT_FALSE(CreateTiffImage(-1, 4, PixelDataTypeGray8, none.ReceiveAddress(), nullptr));
 
@@ -192,9 +180,8 @@ TEST(TiffImage, PropertiesAndSubImages) {
     ASSERT_TRUE(image->CreateSubImage(0, 0, 10, 8, whole.ReceiveAddress(), nullptr));
     EXPECT_EQ(std::memcmp(whole->GetPixelPointer(0, 0), image->GetPixelPointer(0, 0), 10 * 8 * 2), 0);
     ASSERT_TRUE(image->CreateSubImage(10, 8, 0, 0, empty.ReceiveAddress(), nullptr));
-    Ptr<Core::IErrorCode> error;
-    EXPECT_FALSE(image->CreateSubImage(8, 0, 3, 1, outside.ReceiveAddress(), error.ReceiveAddress()));
-    EXPECT_STREQ(error->GetMessage(), "Sub-image (8, 0, 3x1) is outside the image of 10x8");
+    EXPECT_EQ(Failure([&](auto error) { return image->CreateSubImage(8, 0, 3, 1, outside.ReceiveAddress(), error); }),
+              "Sub-image (8, 0, 3x1) is outside the image of 10x8");
 
     image->SetTransform(nullptr);
     EXPECT_TRUE(ParamsOf(image.Raw()).empty());
@@ -302,18 +289,13 @@ TEST(SaveImage, PngRoundTripAndRefusals) {
             }
     }
 
-    Ptr<Core::IErrorCode> error;
+    const auto saveFailure = [](int32_t type, const std::string& path, int32_t format) {
+        return Failure([&](auto error) { return TellarImaging_SaveImage(NewTiff(4, 4, type).Raw(), path.c_str(), format, error); });
+    };
     const std::string path = dir.File("deep.png");
-    EXPECT_FALSE(TellarImaging_SaveImage(NewTiff(4, 4, PixelDataTypeGray16).Raw(), path.c_str(), ImageFileFormatPng,
-                                         error.ReceiveAddress()));
-    EXPECT_STREQ(error->GetMessage(), "PNG needs 8 bits per sample and 1 to 4 samples");
+    EXPECT_EQ(saveFailure(PixelDataTypeGray16, path, ImageFileFormatPng), "PNG needs 8 bits per sample and 1 to 4 samples");
     EXPECT_FALSE(std::ifstream(path).good());
-    error = nullptr;
-    EXPECT_FALSE(TellarImaging_SaveImage(NewTiff(4, 4, PixelDataTypeGray8).Raw(), dir.File("x").c_str(), 7,
-                                         error.ReceiveAddress()));
-    EXPECT_STREQ(error->GetMessage(), "Unknown image file format 7");
-    error = nullptr;
-    EXPECT_FALSE(TellarImaging_SaveImage(NewTiff(4, 4, PixelDataTypeGray8).Raw(), "/nonexistent/dir/a.tif",
-                                         ImageFileFormatTiff, error.ReceiveAddress()));
-    EXPECT_NE(std::string(error->GetMessage()).find("Failed to create TIFF file"), std::string::npos);
+    EXPECT_EQ(saveFailure(PixelDataTypeGray8, dir.File("x"), 7), "Unknown image file format 7");
+    EXPECT_NE(saveFailure(PixelDataTypeGray8, "/nonexistent/dir/a.tif", ImageFileFormatTiff).find("Failed to create TIFF file"),
+              std::string::npos);
 }

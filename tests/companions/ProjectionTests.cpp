@@ -5,38 +5,29 @@
 
 #include <gtest/gtest.h>
 
-#include "Core/AbiGuard.h"
+#include "BoundaryCalls.h"
 #include "Tellar/Spatial/Exports.h"
 #include "Tellar/Spatial/ProjectionExports.h"
 
 using namespace Tellar::Interfaces;
 using Core::Ptr;
+using BoundaryCalls::Failure;
+using BoundaryCalls::Made;
 
 namespace {
 
 Ptr<IEpsg> Epsg() {
-    Ptr<IEpsg> epsg;
-    Ptr<Core::IErrorCode> error;
-    EXPECT_TRUE(TellarSpatialProjection_CreateEpsg(epsg.ReceiveAddress(), error.ReceiveAddress()));
-    return epsg;
+    return Made<IEpsg>([](auto out, auto error) { TellarSpatialProjection_CreateEpsg(out, error); });
 }
 
 Ptr<ICrs> Crs(uint32_t code) {
-    Ptr<ICrs> crs;
-    Ptr<Core::IErrorCode> error;
-    Epsg()->CreateCrs(code, crs.ReceiveAddress(), error.ReceiveAddress());
-    Core::ThrowIfError(error);
-    return crs;
+    return Made<ICrs>([&](auto out, auto error) { Epsg()->CreateCrs(code, out, error); });
 }
 
 Ptr<ICrsTransformation> Transformation(uint32_t from, uint32_t to, bool viaWgs84 = false) {
-    Ptr<ICrsTransformation> result;
-    Ptr<Core::IErrorCode> error;
-    auto create = viaWgs84 ? TellarSpatialProjection_CreateCrsTransformationWithIntermediateWgs84Transform
-                           : TellarSpatialProjection_CreateCrsTransformation;
-    create(Crs(from).Raw(), Crs(to).Raw(), result.ReceiveAddress(), error.ReceiveAddress());
-    Core::ThrowIfError(error);
-    return result;
+    const auto create = viaWgs84 ? TellarSpatialProjection_CreateCrsTransformationWithIntermediateWgs84Transform
+                                 : TellarSpatialProjection_CreateCrsTransformation;
+    return Made<ICrsTransformation>([&](auto out, auto error) { create(Crs(from).Raw(), Crs(to).Raw(), out, error); });
 }
 
 } // namespace
@@ -51,11 +42,9 @@ TEST(BoundingBox, StartsUnsetAndRefusesAFilledOutPointer) {
     EXPECT_EQ(v[2], -1.7976931348623157e308);
     EXPECT_EQ(v[3], -1.7976931348623157e308);
 
-    Ptr<Core::IErrorCode> error;
     IBoundingBox2d* stale = box.Raw();
-    EXPECT_FALSE(TellarSpatial_CreateBoundingBox2d(&stale, error.ReceiveAddress()));
-    EXPECT_STREQ(error->GetMessage(),
-                 "Pointer of struct Tellar::Interfaces::IBoundingBox2d must be null in order to avoid memory leaks!");
+    EXPECT_EQ(Failure([&](auto error) { return TellarSpatial_CreateBoundingBox2d(&stale, error); }),
+              "Pointer of struct Tellar::Interfaces::IBoundingBox2d must be null in order to avoid memory leaks!");
 }
 
 TEST(Epsg, DescribesKnownCodes) {
@@ -94,15 +83,12 @@ TEST(Epsg, SameCodeSameObjectDefinitionsAndRefusals) {
     ASSERT_TRUE(epsg->CreateCrsFromDefinition("+proj=merc +datum=WGS84 +type=crs", custom.ReceiveAddress(), nullptr));
     EXPECT_EQ(custom->GetEpsgCode(), 0u);
 
-    Ptr<Core::IErrorCode> error;
-    EXPECT_FALSE(epsg->CreateCrs(999999, missing.ReceiveAddress(), error.ReceiveAddress()));
+    const std::string unknown = Failure([&](auto error) { return epsg->CreateCrs(999999, missing.ReceiveAddress(), error); });
     EXPECT_EQ(missing.Raw(), nullptr);
-    ASSERT_TRUE(error.Raw());
-    EXPECT_NE(std::string(error->GetMessage()).find("Unknown EPSG code 999999"), std::string::npos)
-        << error->GetMessage();
-    error = nullptr;
-    EXPECT_FALSE(epsg->CreateCrsFromDefinition("+proj=nonsense", bad.ReceiveAddress(), error.ReceiveAddress()));
-    EXPECT_NE(std::string(error->GetMessage()).find("Invalid CRS definition"), std::string::npos);
+    EXPECT_NE(unknown.find("Unknown EPSG code 999999"), std::string::npos) << unknown;
+    EXPECT_NE(Failure([&](auto error) { return epsg->CreateCrsFromDefinition("+proj=nonsense", bad.ReceiveAddress(), error); })
+                  .find("Invalid CRS definition"),
+              std::string::npos);
 }
 
 TEST(CrsTransformation, KnownCoordinatesInEastNorthOrder) {
@@ -186,14 +172,14 @@ TEST(CrsTransformation, NoOpLeavesCoordinatesAndAcceptsNullCrs) {
 }
 
 TEST(CrsTransformation, GuardsAndUntransformablePoints) {
-    Ptr<Core::IErrorCode> error;
     Ptr<ICrsTransformation> t;
-    EXPECT_FALSE(TellarSpatialProjection_CreateCrsTransformation(nullptr, Crs(4326).Raw(), t.ReceiveAddress(),
-                                                                 error.ReceiveAddress()));
-    EXPECT_STREQ(error->GetMessage(), "Pointer of struct Tellar::Interfaces::ICrs must not be null!");
+    EXPECT_EQ(Failure([&](auto error) {
+                  return TellarSpatialProjection_CreateCrsTransformation(nullptr, Crs(4326).Raw(), t.ReceiveAddress(), error);
+              }),
+              "Pointer of struct Tellar::Interfaces::ICrs must not be null!");
 
     auto good = Transformation(4326, 3857);
-    error = nullptr;
+    Ptr<Core::IErrorCode> error;
     EXPECT_FALSE(good->TransformArrays(1, TransformForward, nullptr, nullptr, nullptr, error.ReceiveAddress()));
     ASSERT_TRUE(error.Raw());
     error = nullptr;

@@ -2,9 +2,11 @@
 
 #include <string>
 
+#include "MessageOf.h"
 #include "RasterTestSupport.h"
 
 using namespace RasterTests;
+using TestSupport::MessageOf;
 using Tellar::Interfaces::ICrsTransformation;
 using Tellar::Interfaces::TransformForward;
 
@@ -36,13 +38,10 @@ std::vector<double> Sample(ICrsTransformation* transformation) {
 }
 
 Ptr<ICrsTransformation> Made(bool intermediate, uint32_t from, uint32_t to) {
-    Ptr<ICrsTransformation> made;
-    Ptr<Core::IErrorCode> error;
     const auto create = intermediate ? TellarSpatialProjection_CreateCrsTransformationWithIntermediateWgs84Transform
                                      : TellarSpatialProjection_CreateCrsTransformation;
-    create(Crs(from).Raw(), Crs(to).Raw(), made.ReceiveAddress(), error.ReceiveAddress());
-    Core::ThrowIfError(error);
-    return made;
+    return BoundaryCalls::Made<ICrsTransformation>(
+        [&](auto out, auto error) { create(Crs(from).Raw(), Crs(to).Raw(), out, error); });
 }
 
 } // namespace
@@ -114,6 +113,6 @@ TEST(CrsTransformationHolder, ReadyDatumsGoDirectOthersThroughWgs84) {
 
 TEST(CrsTransformationHolder, FailureOfTheProjectionLibraryIsThrownAsItsText) {
     const Ptr<ICrs> unknown = Core::MakeObject<FakeCrs>(999999, "");
-    const std::string text = ErrorText([&] { CrsTransformationHolder(unknown, Crs(4326)); });
+    const std::string text = MessageOf([&] { CrsTransformationHolder(unknown, Crs(4326)); });
     EXPECT_EQ(text.rfind("Unknown EPSG code 999999", 0), 0u) << text;
 }

@@ -5,10 +5,12 @@
 #include "ImageWriters.h"
 #include "Private/Spatial/Raster/AffineMap.h"
 #include "Private/Spatial/Raster/ImageBase.h"
+#include "MessageOf.h"
 #include "RasterTestSupport.h"
 #include "TempDir.h"
 
 using namespace RasterTests;
+using TestSupport::MessageOf;
 using namespace TellarImaging;
 
 namespace {
@@ -28,11 +30,8 @@ Ptr<IImage> TiledImage(const TestSupport::TempDir& dir, int32_t width, int32_t h
             std::memcpy(layout.pixels.data() + (size_t(y) * width + x) * 4, &colour, 4);
         }
     const TestImages::Bytes bytes = TestImages::EncodeTiff(layout, dir.File("tiled.tif"));
-    Ptr<IImage> image;
-    Ptr<Core::IErrorCode> error;
-    CreateImageFromMemoryStream(bytes.data(), bytes.size(), image.ReceiveAddress(), error.ReceiveAddress());
-    Core::ThrowIfError(error);
-    return image;
+    return BoundaryCalls::Made<IImage>(
+        [&](auto out, auto error) { CreateImageFromMemoryStream(bytes.data(), bytes.size(), out, error); });
 }
 
 } // namespace
@@ -71,10 +70,10 @@ TEST(MemoryPixelAccessor, BytesRoundTripAndSizeIsChecked) {
     accessor.SetBytes(bytes.data(), bytes.size());
     EXPECT_EQ(PixelAs<uint16_t>(image.Raw(), 2, 1), uint16_t(bytes[10] | bytes[11] << 8));
     EXPECT_EQ(accessor.GetBytes(), bytes);
-    EXPECT_EQ(ErrorText([&] { accessor.SetBytes(bytes.data(), 13); }), "Invalid size!");
-    EXPECT_EQ(ErrorText([&] { accessor.SetBytes(bytes.data(), 11); }), "Invalid size!");
+    EXPECT_EQ(MessageOf([&] { accessor.SetBytes(bytes.data(), 13); }), "Invalid size!");
+    EXPECT_EQ(MessageOf([&] { accessor.SetBytes(bytes.data(), 11); }), "Invalid size!");
     EXPECT_EQ(accessor.GetBytes(), bytes);
-    EXPECT_EQ(ErrorText([] { MemoryPixelAccessor(nullptr, 4); }), "Invalid interface");
+    EXPECT_EQ(MessageOf([] { MemoryPixelAccessor(nullptr, 4); }), "Invalid interface");
 }
 
 TEST(TilePixelAccessor, ReadsEveryPixelThroughItsTile) {
@@ -101,14 +100,14 @@ TEST(TilePixelAccessor, ReadsEveryPixelThroughItsTile) {
     EXPECT_EQ(accessor->currentTile.Raw(), kept);
     EXPECT_NE(accessor->GetPixel(47, 19), nullptr); // the padding of the edge tile
     EXPECT_EQ(accessor->GetPixel(48, 0), nullptr);  // past the last tile: no tile to read
-    EXPECT_EQ(ErrorText([&] { accessor->GetBytes(); }), "Not implemented.");
-    EXPECT_EQ(ErrorText([&] { accessor->SetBytes(nullptr, 0); }), "Not implemented.");
-    EXPECT_EQ(ErrorText([] { TilePixelAccessor(nullptr, 4); }), "Invalid interface");
+    EXPECT_EQ(MessageOf([&] { accessor->GetBytes(); }), "Not implemented.");
+    EXPECT_EQ(MessageOf([&] { accessor->SetBytes(nullptr, 0); }), "Not implemented.");
+    EXPECT_EQ(MessageOf([] { TilePixelAccessor(nullptr, 4); }), "Invalid interface");
 }
 
 TEST(ImageBase, WrappersMarkTheirSampleKindAndShareOnCopy) {
-    EXPECT_EQ(ErrorText([] { CreateImageBase(nullptr); }), "pImage = null");
-    EXPECT_EQ(ErrorText([] { CreateImageBase(4, 4, 999); }), "Unsupported PixelDataType specified!");
+    EXPECT_EQ(MessageOf([] { CreateImageBase(nullptr); }), "pImage = null");
+    EXPECT_EQ(MessageOf([] { CreateImageBase(4, 4, 999); }), "Unsupported PixelDataType specified!");
 
     ImageBase made = CreateImageBase(6, 4, PixelDataTypeRgba32);
     EXPECT_EQ(made.image.As<ITiffImage>()->GetSampleKind(), SampleKindSigned);

@@ -4,12 +4,11 @@
 
 #include <cstdint>
 #include <cstring>
-#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "Core/AbiGuard.h"
+#include "BoundaryCalls.h"
 #include "Core/ObjectImplBase.h"
 #include "Core/Ptr.h"
 #include "Tellar/Spatial/Maps/CrsTransformationHolder.h"
@@ -27,18 +26,9 @@ using TellarImaging::ITiffImage2;
 using TellarImaging::ITransform;
 
 inline Ptr<ICrs> Crs(uint32_t code) {
-    static const Ptr<Tellar::Interfaces::IEpsg> epsg = [] {
-        Ptr<Tellar::Interfaces::IEpsg> made;
-        Ptr<Core::IErrorCode> error;
-        TellarSpatialProjection_CreateEpsg(made.ReceiveAddress(), error.ReceiveAddress());
-        Core::ThrowIfError(error);
-        return made;
-    }();
-    Ptr<ICrs> crs;
-    Ptr<Core::IErrorCode> error;
-    epsg->CreateCrs(code, crs.ReceiveAddress(), error.ReceiveAddress());
-    Core::ThrowIfError(error);
-    return crs;
+    static const Ptr<Tellar::Interfaces::IEpsg> epsg = BoundaryCalls::Made<Tellar::Interfaces::IEpsg>(
+        [](auto out, auto error) { TellarSpatialProjection_CreateEpsg(out, error); });
+    return BoundaryCalls::Made<ICrs>([&](auto out, auto error) { epsg->CreateCrs(code, out, error); });
 }
 
 // The holder that maps `from` coordinates to `to` coordinates.
@@ -48,33 +38,17 @@ inline CrsTransformationHolder Holder(uint32_t from, uint32_t to) {
 
 inline Ptr<ITransform> Transform(double scaleX, double scaleY, double originX, double originY, double skewX = 0.0,
                                  double skewY = 0.0) {
-    Ptr<ITransform> transform;
-    Ptr<Core::IErrorCode> error;
-    CreateTransformFromParams(scaleX, scaleY, originX, originY, skewX, skewY, transform.ReceiveAddress(),
-                              error.ReceiveAddress());
-    Core::ThrowIfError(error);
-    return transform;
-}
-
-// What the body throws, or "no exception".
-inline std::string ErrorText(const std::function<void()>& body) {
-    try {
-        body();
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "no exception";
+    return BoundaryCalls::Made<ITransform>([&](auto out, auto error) {
+        CreateTransformFromParams(scaleX, scaleY, originX, originY, skewX, skewY, out, error);
+    });
 }
 
 // A zero-filled TIFF image, optionally georeferenced.
 inline Ptr<ITiffImage> NewTiff(int32_t width, int32_t height, int32_t kind, int32_t samples, int32_t bits,
                                ITransform* transform = nullptr, uint32_t epsgCode = 0) {
-    Ptr<IImage> image;
-    Ptr<Core::IErrorCode> error;
-    TellarImaging_CreateMultiChannelTiffImage(width, height, kind, samples, bits, image.ReceiveAddress(),
-                                              error.ReceiveAddress());
-    Core::ThrowIfError(error);
-    Ptr<ITiffImage> tiff = image.As<ITiffImage>();
+    Ptr<ITiffImage> tiff = BoundaryCalls::Made<IImage>([&](auto out, auto error) {
+                               TellarImaging_CreateMultiChannelTiffImage(width, height, kind, samples, bits, out, error);
+                           }).As<ITiffImage>();
     tiff->SetTransform(transform);
     tiff->SetEpsgCode(epsgCode);
     return tiff;

@@ -5,10 +5,12 @@
 #include "Core/StringFormat.h"
 #include "Core/TypeName.h"
 #include "Private/Spatial/Raster/RasterUtils.h"
+#include "MessageOf.h"
 #include "RasterTestSupport.h"
 #include "RecordingLogger.h"
 
 using namespace RasterTests;
+using TestSupport::MessageOf;
 using Tellar::Spatial::Raster::RasterUtils;
 using namespace TellarImaging;
 
@@ -191,10 +193,10 @@ TEST(ReprojectImage, OutsideTheSourceKeepsTheFillNaNForOneFloatSample) {
 
 TEST(ReprojectImage, NonTiffSourceOrEmptyHolderFailsWithTheTexts) {
     auto plain = Core::MakeObject<PlainImage>(8, 8);
-    EXPECT_EQ(ErrorText([&] { RasterUtils::ReprojectImage(plain.Raw(), Holder(3857, 4326)); }),
+    EXPECT_EQ(MessageOf([&] { RasterUtils::ReprojectImage(plain.Raw(), Holder(3857, 4326)); }),
               "Null pointer exception! Interface is not accessible: " + Core::TypeName<ITransform>());
     Ptr<ITiffImage> source = PositionImage(8, 8, Transform(1.0, -1.0, 0.0, 0.0).Raw(), 3857);
-    EXPECT_EQ(ErrorText([&] { RasterUtils::ReprojectImage(source.Raw(), CrsTransformationHolder()); }),
+    EXPECT_EQ(MessageOf([&] { RasterUtils::ReprojectImage(source.Raw(), CrsTransformationHolder()); }),
               "Interface is not accessible: " + Core::TypeName<Tellar::Interfaces::ICrsTransformation>());
 }
 
