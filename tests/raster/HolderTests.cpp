@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "Core/ObjectImplBase.h"
 #include "MessageOf.h"
 #include "RasterTestSupport.h"
 

@@ -126,8 +126,7 @@ TEST(ImageBase, WrappersMarkTheirSampleKindAndShareOnCopy) {
     EXPECT_EQ(value, PositionColour(3, 2));
 
     // A plain image is converted; a TIFF image is taken as it is; float data is marked float.
-    auto plain = Core::MakeObject<PlainImage>(5, 3);
-    FillPositions(plain.Raw());
+    const Ptr<IImage> plain = PlainImage(5, 3);
     const ImageBase converted = ToTiffImageBase(plain.Raw());
     ASSERT_NE(dynamic_cast<ITiffImage*>(converted.image.Raw()), nullptr);
     EXPECT_EQ(PixelAs<uint32_t>(converted.image.Raw(), 4, 2), PositionColour(4, 2));

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "BoundaryCalls.h"
-#include "Core/ObjectImplBase.h"
+#include "ImageWriters.h"
 #include "Core/Ptr.h"
 #include "Tellar/Spatial/Maps/CrsTransformationHolder.h"
 #include "Tellar/Spatial/ProjectionExports.h"
@@ -86,27 +86,21 @@ inline std::vector<double> ParamsOf(IImage* image) {
     return p;
 }
 
-// A raster that is no TIFF image: what a host could hand in.
-class PlainImage final : public Core::LightObjectImplBase<IImage> {
-public:
-    PlainImage(int32_t width, int32_t height) : width_(width), height_(height), pixels_(size_t(width) * height * 4) {}
-    int32_t GetWidth() const noexcept override { return width_; }
-    int32_t GetHeight() const noexcept override { return height_; }
-    int32_t GetBitsPerSample() const noexcept override { return 8; }
-    int32_t GetSamplesPerPixel() const noexcept override { return 4; }
-    void* GetPixelPointer(int32_t x, int32_t y) noexcept override {
-        if (x < 0 || y < 0 || x >= width_ || y >= height_) return nullptr;
-        return pixels_.data() + (size_t(y) * width_ + x) * 4;
+// RGBA position colours in an image that is no TIFF image: a decoded PNG, as a map tile comes in.
+inline Ptr<IImage> PlainImage(int32_t width, int32_t height) {
+    TestImages::PngLayout layout;
+    layout.width = width;
+    layout.height = height;
+    layout.colorType = 6; // RGB with alpha
+    layout.rows.resize(size_t(width) * height * 4);
+    for (int32_t i = 0; i < width * height; ++i) {
+        const uint32_t colour = PositionColour(i % width, i / width);
+        std::memcpy(layout.rows.data() + size_t(i) * 4, &colour, 4);
     }
-    bool CreateSubImage(int32_t, int32_t, int32_t, int32_t, IImage**, Core::IErrorCode** ppError) noexcept override {
-        Core::StoreError(ppError, Core::ErrorCodeValue, "no sub-images");
-        return false;
-    }
-
-private:
-    int32_t width_, height_;
-    std::vector<uint8_t> pixels_;
-};
+    const TestImages::Bytes png = TestImages::EncodePng(layout);
+    return BoundaryCalls::Made<IImage>(
+        [&](auto out, auto error) { CreateImageFromMemoryStream(png.data(), png.size(), out, error); });
+}
 
 // PROJ straight, from one EPSG code to another with x east and y north: the yardstick.
 class ProjDirect {

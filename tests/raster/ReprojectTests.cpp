@@ -101,7 +101,7 @@ TEST(ReprojectImage, MercatorToGeographicLandsEveryPixelWherePROJSays) {
     source->SetListValue(2, 9);
     source->SetListValue(0, 3);
     source.As<ITiffImage2>()->SetTextProperty("relief");
-    const auto tag = Core::MakeObject<PlainImage>(1, 1);
+    const Ptr<ITransform> tag = Transform(1.0, -1.0, 0.0, 0.0);
     source.As<ITiffImage2>()->SetObjectProperty(tag.Raw(), 0, nullptr);
 
     TestSupport::ScopedRecordingLogger logger;
@@ -192,7 +192,7 @@ TEST(ReprojectImage, OutsideTheSourceKeepsTheFillNaNForOneFloatSample) {
 }
 
 TEST(ReprojectImage, NonTiffSourceOrEmptyHolderFailsWithTheTexts) {
-    auto plain = Core::MakeObject<PlainImage>(8, 8);
+    const Ptr<IImage> plain = PlainImage(8, 8);
     EXPECT_EQ(MessageOf([&] { RasterUtils::ReprojectImage(plain.Raw(), Holder(3857, 4326)); }),
               "Null pointer exception! Interface is not accessible: " + Core::TypeName<ITransform>());
     Ptr<ITiffImage> source = PositionImage(8, 8, Transform(1.0, -1.0, 0.0, 0.0).Raw(), 3857);
