@@ -149,10 +149,6 @@ TEST(TiffImage, PropertiesAndSubImages) {
     image2->SetTextProperty("elevation");
     Ptr<ITransform> attached = Transform(1, -1, 0, 0);
     ASSERT_TRUE(image2->SetObjectProperty(attached.Raw(), 0, nullptr));
-    EXPECT_EQ(image->GetListCount(), 3u);
-    EXPECT_EQ(image->GetListValue(0), 0);
-    EXPECT_EQ(image->GetListValue(2), 9);
-    EXPECT_EQ(image->GetListValue(3), 0);
 
     Ptr<IImage> sub;
     ASSERT_TRUE(image->CreateSubImage(3, 2, 4, 5, sub.ReceiveAddress(), nullptr));
@@ -167,7 +163,10 @@ TEST(TiffImage, PropertiesAndSubImages) {
     EXPECT_EQ(subTiff->GetEpsgCode(), 3857u);
     EXPECT_EQ(subTiff->GetSampleKind(), SampleKindSigned);
     EXPECT_EQ(subTiff->GetIntProperty(), 12);
-    EXPECT_EQ(subTiff->GetListValue(2), 9);
+    // The list grew to hold index 2; what it never held reads 0.
+    EXPECT_EQ(subTiff->GetListCount(), 3u);
+    EXPECT_EQ((std::vector{subTiff->GetListValue(0), subTiff->GetListValue(2), subTiff->GetListValue(3)}),
+              (std::vector<int32_t>{0, 9, 0}));
     EXPECT_STREQ(subTiff->GetTextProperty(), "elevation");
     Ptr<Core::IObject> object;
     ASSERT_TRUE(subTiff->GetObjectProperty(object.ReceiveAddress(), 0, nullptr));
@@ -182,9 +181,6 @@ TEST(TiffImage, PropertiesAndSubImages) {
     ASSERT_TRUE(image->CreateSubImage(10, 8, 0, 0, empty.ReceiveAddress(), nullptr));
     EXPECT_EQ(Failure([&](auto error) { return image->CreateSubImage(8, 0, 3, 1, outside.ReceiveAddress(), error); }),
               "Sub-image (8, 0, 3x1) is outside the image of 10x8");
-
-    image->SetTransform(nullptr);
-    EXPECT_TRUE(ParamsOf(image.Raw()).empty());
 }
 
 TEST(TiffImage, ConvertDecodedImage) {
