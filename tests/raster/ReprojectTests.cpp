@@ -166,16 +166,15 @@ TEST(ReprojectImage, OutsideTheSourceKeepsTheFillNaNForOneFloatSample) {
         SCOPED_TRACE(row.samples * 100 + row.bits);
         Ptr<ITiffImage> source = NewTiff(60, 40, row.kind, row.samples, row.bits, turned.Raw(), 3857);
         const int32_t bytes = row.samples * row.bits / 8;
-        for (int32_t y = 0; y < 40; ++y)
-            for (int32_t x = 0; x < 60; ++x) {
-                const float value = float(1 + x * 100 + y);
-                const auto word = uint16_t(1 + x * 100 + y);
-                auto* pixel = static_cast<uint8_t*>(source->GetPixelPointer(x, y));
-                if (row.kind == SampleKindFloat)
-                    for (int32_t s = 0; s < row.samples; ++s) std::memcpy(pixel + 4 * s, &value, 4);
-                else
-                    std::memcpy(pixel, &word, 2);
-            }
+        for (int32_t i = 0; i < 60 * 40; ++i) {
+            const float value = float(1 + i);
+            const auto word = uint16_t(1 + i);
+            auto* pixel = static_cast<uint8_t*>(source->GetPixelPointer(i % 60, i / 60));
+            if (row.kind == SampleKindFloat)
+                for (int32_t s = 0; s < row.samples; ++s) std::memcpy(pixel + 4 * s, &value, 4);
+            else
+                std::memcpy(pixel, &word, 2);
+        }
         Ptr<IImage> target = RasterUtils::ReprojectImage(source.Raw(), Holder(3857, 4326));
         std::vector<uint8_t> fill(size_t(bytes), 0);
         if (row.nan) std::memcpy(fill.data(), &kNaN, 4);
