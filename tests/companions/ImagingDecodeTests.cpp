@@ -39,13 +39,7 @@ std::string DecodeFailure(const Bytes& bytes) {
 }
 
 TestImages::PngLayout Layout(int width, int height, int colorType, int bitDepth, Bytes rows) {
-    TestImages::PngLayout layout;
-    layout.width = width;
-    layout.height = height;
-    layout.colorType = colorType;
-    layout.bitDepth = bitDepth;
-    layout.rows = std::move(rows);
-    return layout;
+    return {.width = width, .height = height, .colorType = colorType, .bitDepth = bitDepth, .rows = std::move(rows)};
 }
 
 const uint8_t* Pixel(IImage* image, int x, int y) { return static_cast<const uint8_t*>(image->GetPixelPointer(x, y)); }
@@ -187,15 +181,10 @@ TEST(DecodeTiff, StripsAndTilesOfEveryLayout) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        TestImages::TiffSpec layout;
-        layout.width = 37; // not a multiple of the tile width: edge tiles are partly outside
-        layout.height = 21;
-        layout.samples = c.samples;
-        layout.bits = c.bits;
-        layout.sampleFormat = c.format;
-        layout.tiled = c.tiled;
-        layout.separate = c.separate;
-        layout.compression = c.compression;
+        // 37 is not a multiple of the tile width: edge tiles are partly outside.
+        TestImages::TiffSpec layout{.width = 37, .height = 21, .samples = c.samples, .bits = c.bits,
+                                    .sampleFormat = c.format, .tiled = c.tiled, .separate = c.separate,
+                                    .compression = c.compression};
         const size_t pixelBytes = size_t(c.samples * c.bits / 8);
         layout.pixels.resize(pixelBytes * layout.width * layout.height);
         for (size_t i = 0; i < layout.pixels.size(); ++i) layout.pixels[i] = uint8_t((i * 31 + i / 7) & 0xff);
@@ -218,11 +207,7 @@ TEST(DecodeTiff, StripsAndTilesOfEveryLayout) {
 
 TEST(DecodeTiff, TilesOfATiledImage) {
     TestSupport::TempDir dir;
-    TestImages::TiffSpec layout;
-    layout.width = 40;
-    layout.height = 20;
-    layout.tiled = true;
-    layout.pixels.resize(40 * 20);
+    TestImages::TiffSpec layout{.width = 40, .height = 20, .tiled = true, .pixels = Bytes(40 * 20)};
     for (size_t i = 0; i < layout.pixels.size(); ++i) layout.pixels[i] = uint8_t(i % 251 + 1);
     Ptr<IImage> image = DecodeOk(TestImages::EncodeTiff(layout, dir.File("t.tif")));
     auto* tiled = dynamic_cast<ITiledTiffImage*>(image.Raw());
@@ -253,12 +238,8 @@ TEST(DecodeErrors, CorruptAndTruncatedInputs) {
     TestSupport::TempDir dir;
     const Bytes rgba = Gradient(32, 32, 4);
     TestImages::PngLayout pngSpec = Layout(32, 32, PNG_COLOR_TYPE_RGB_ALPHA, 8, rgba);
-    TestImages::TiffSpec tiffSpec;
-    tiffSpec.width = 32;
-    tiffSpec.height = 32;
-    tiffSpec.compression = 8;
-    tiffSpec.rowsPerStrip = 32;
-    tiffSpec.pixels = Gradient(32, 32, 1);
+    const TestImages::TiffSpec tiffSpec{
+        .width = 32, .height = 32, .compression = 8, .rowsPerStrip = 32, .pixels = Gradient(32, 32, 1)};
     const struct {
         const char* name;
         Bytes bytes;

@@ -184,12 +184,8 @@ TEST(TiffImage, PropertiesAndSubImages) {
 }
 
 TEST(TiffImage, ConvertDecodedImage) {
-    TestImages::PngLayout layout;
-    layout.width = 2;
-    layout.height = 1;
-    layout.colorType = 2; // RGB
-    layout.rows = {1, 2, 3, 4, 5, 6};
-    const auto png = TestImages::EncodePng(layout);
+    // Colour type 2: RGB.
+    const auto png = TestImages::EncodePng({.width = 2, .height = 1, .colorType = 2, .rows = {1, 2, 3, 4, 5, 6}});
     Ptr<IImage> decoded;
     ASSERT_TRUE(CreateImageFromMemoryStream(png.data(), png.size(), decoded.ReceiveAddress(), nullptr));
     Ptr<ITiffImage> tiff;

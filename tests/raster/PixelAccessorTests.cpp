@@ -17,13 +17,8 @@ namespace {
 
 // A tiled RGBA TIFF of position colours, decoded by the imaging library.
 Ptr<IImage> TiledImage(const TestSupport::TempDir& dir, int32_t width, int32_t height, int32_t tile) {
-    TestImages::TiffSpec layout;
-    layout.width = width;
-    layout.height = height;
-    layout.samples = 4;
-    layout.tiled = true;
-    layout.tileWidth = layout.tileHeight = tile;
-    layout.pixels.resize(size_t(width) * height * 4);
+    TestImages::TiffSpec layout{.width = width, .height = height, .samples = 4, .tiled = true, .tileWidth = tile,
+                                .tileHeight = tile, .pixels = TestImages::Bytes(size_t(width) * height * 4)};
     for (int32_t y = 0; y < height; ++y)
         for (int32_t x = 0; x < width; ++x) {
             const uint32_t colour = PositionColour(x, y);

@@ -88,11 +88,9 @@ inline std::vector<double> ParamsOf(IImage* image) {
 
 // RGBA position colours in an image that is no TIFF image: a decoded PNG, as a map tile comes in.
 inline Ptr<IImage> PlainImage(int32_t width, int32_t height) {
-    TestImages::PngLayout layout;
-    layout.width = width;
-    layout.height = height;
-    layout.colorType = 6; // RGB with alpha
-    layout.rows.resize(size_t(width) * height * 4);
+    // Colour type 6: RGB with alpha.
+    TestImages::PngLayout layout{
+        .width = width, .height = height, .colorType = 6, .rows = TestImages::Bytes(size_t(width) * height * 4)};
     for (int32_t i = 0; i < width * height; ++i) {
         const uint32_t colour = PositionColour(i % width, i / width);
         std::memcpy(layout.rows.data() + size_t(i) * 4, &colour, 4);
