@@ -95,7 +95,7 @@ Bytes EncodeWebpRgba(int width, int height, const Bytes& rgba, bool lossless) {
     return out;
 }
 
-Bytes EncodeTiff(const TiffSpec& s, const std::string& path) {
+Bytes EncodeTiff(const TiffLayout& s, const std::string& path) {
     TIFF* tif = TIFFOpen(path.c_str(), "w");
     if (!tif) throw std::runtime_error("tiff open failed");
     TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, uint32_t(s.width));

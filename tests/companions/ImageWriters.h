@@ -26,7 +26,7 @@ Bytes EncodeJpeg(int width, int height, int components, const Bytes& pixels, int
 
 Bytes EncodeWebpRgba(int width, int height, const Bytes& rgba, bool lossless);
 
-struct TiffSpec {
+struct TiffLayout {
     int width = 0, height = 0;
     int samples = 1, bits = 8;
     int sampleFormat = 1; // SAMPLEFORMAT_*
@@ -37,7 +37,7 @@ struct TiffSpec {
     int rowsPerStrip = 5;
     Bytes pixels{}; // packed contiguous rows, native byte order
 };
-Bytes EncodeTiff(const TiffSpec& layout, const std::string& path);
+Bytes EncodeTiff(const TiffLayout& layout, const std::string& path);
 
 Bytes ReadFileBytes(const std::string& path);
 

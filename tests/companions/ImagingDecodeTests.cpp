@@ -182,7 +182,7 @@ TEST(DecodeTiff, StripsAndTilesOfEveryLayout) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         // 37 is not a multiple of the tile width: edge tiles are partly outside.
-        TestImages::TiffSpec layout{.width = 37, .height = 21, .samples = c.samples, .bits = c.bits,
+        TestImages::TiffLayout layout{.width = 37, .height = 21, .samples = c.samples, .bits = c.bits,
                                     .sampleFormat = c.format, .tiled = c.tiled, .separate = c.separate,
                                     .compression = c.compression};
         const size_t pixelBytes = size_t(c.samples * c.bits / 8);
@@ -207,7 +207,7 @@ TEST(DecodeTiff, StripsAndTilesOfEveryLayout) {
 
 TEST(DecodeTiff, TilesOfATiledImage) {
     TestSupport::TempDir dir;
-    TestImages::TiffSpec layout{.width = 40, .height = 20, .tiled = true, .pixels = Bytes(40 * 20)};
+    TestImages::TiffLayout layout{.width = 40, .height = 20, .tiled = true, .pixels = Bytes(40 * 20)};
     for (size_t i = 0; i < layout.pixels.size(); ++i) layout.pixels[i] = uint8_t(i % 251 + 1);
     Ptr<IImage> image = DecodeOk(TestImages::EncodeTiff(layout, dir.File("t.tif")));
     auto* tiled = dynamic_cast<ITiledTiffImage*>(image.Raw());
@@ -237,17 +237,17 @@ TEST(DecodeTiff, TilesOfATiledImage) {
 TEST(DecodeErrors, CorruptAndTruncatedInputs) {
     TestSupport::TempDir dir;
     const Bytes rgba = Gradient(32, 32, 4);
-    TestImages::PngLayout pngSpec = Layout(32, 32, PNG_COLOR_TYPE_RGB_ALPHA, 8, rgba);
-    const TestImages::TiffSpec tiffSpec{
+    TestImages::PngLayout pngLayout = Layout(32, 32, PNG_COLOR_TYPE_RGB_ALPHA, 8, rgba);
+    const TestImages::TiffLayout tiffLayout{
         .width = 32, .height = 32, .compression = 8, .rowsPerStrip = 32, .pixels = Gradient(32, 32, 1)};
     const struct {
         const char* name;
         Bytes bytes;
     } valid[] = {
-        {"png", TestImages::EncodePng(pngSpec)},
+        {"png", TestImages::EncodePng(pngLayout)},
         {"jpeg", TestImages::EncodeJpeg(32, 32, 3, Gradient(32, 32, 3), 90)},
         {"webp", TestImages::EncodeWebpRgba(32, 32, rgba, true)},
-        {"tiff", TestImages::EncodeTiff(tiffSpec, dir.File("c.tif"))},
+        {"tiff", TestImages::EncodeTiff(tiffLayout, dir.File("c.tif"))},
     };
     for (const auto& v : valid) {
         SCOPED_TRACE(v.name);

@@ -17,7 +17,7 @@ namespace {
 
 // A tiled RGBA TIFF of position colours, decoded by the imaging library.
 Ptr<IImage> TiledImage(const TestSupport::TempDir& dir, int32_t width, int32_t height, int32_t tile) {
-    TestImages::TiffSpec layout{.width = width, .height = height, .samples = 4, .tiled = true, .tileWidth = tile,
+    TestImages::TiffLayout layout{.width = width, .height = height, .samples = 4, .tiled = true, .tileWidth = tile,
                                 .tileHeight = tile, .pixels = TestImages::Bytes(size_t(width) * height * 4)};
     for (int32_t y = 0; y < height; ++y)
         for (int32_t x = 0; x < width; ++x) {
