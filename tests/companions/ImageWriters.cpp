@@ -1,5 +1,10 @@
 #include "ImageWriters.h"
 
+#include <jpeglib.h>
+#include <png.h>
+#include <tiffio.h>
+#include <webp/encode.h>
+
 #include <algorithm>
 #include <csetjmp>
 #include <cstdio>
@@ -7,11 +12,6 @@
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
-
-#include <jpeglib.h>
-#include <png.h>
-#include <tiffio.h>
-#include <webp/encode.h>
 
 namespace TestImages {
 
@@ -47,7 +47,8 @@ Bytes EncodePng(const PngLayout& s) {
         palette.push_back({s.palette[i], s.palette[i + 1], s.palette[i + 2]});
     if (!palette.empty()) png_set_PLTE(png, info, palette.data(), int(palette.size()));
     png_color_16 key{0, s.keyRed, s.keyGreen, s.keyBlue, s.keyGray};
-    if (!s.paletteAlpha.empty()) png_set_tRNS(png, info, s.paletteAlpha.data(), int(s.paletteAlpha.size()), nullptr);
+    if (!s.paletteAlpha.empty())
+        png_set_tRNS(png, info, s.paletteAlpha.data(), int(s.paletteAlpha.size()), nullptr);
     else if (s.grayKey) png_set_tRNS(png, info, nullptr, 0, &key);
     png_write_info(png, info);
     const size_t rowBytes = (size_t(s.width) * BitsPerPixel(s) + 7) / 8;
@@ -134,8 +135,10 @@ Bytes EncodeTiff(const TiffLayout& s, const std::string& path) {
                         std::memcpy(to, from + (s.separate ? plane * sampleBytes : 0), blockPixel);
                     }
                 const tmsize_t size = tmsize_t(block.size());
-                if (s.tiled) TIFFWriteEncodedTile(tif, TIFFComputeTile(tif, x0, y0, 0, uint16_t(plane)), block.data(), size);
-                else TIFFWriteEncodedStrip(tif, TIFFComputeStrip(tif, y0, uint16_t(plane)), block.data(), size);
+                if (s.tiled)
+                    TIFFWriteEncodedTile(tif, TIFFComputeTile(tif, x0, y0, 0, uint16_t(plane)), block.data(), size);
+                else
+                    TIFFWriteEncodedStrip(tif, TIFFComputeStrip(tif, y0, uint16_t(plane)), block.data(), size);
             }
     TIFFClose(tif);
     return ReadFileBytes(path);

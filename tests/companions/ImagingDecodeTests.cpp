@@ -1,13 +1,13 @@
+#include <gtest/gtest.h>
+#include <png.h>
+#include <tiff.h>
+#include <zlib.h>
+
 #include <cstring>
 #include <stdexcept>
 #include <string>
 #include <tuple>
 #include <vector>
-
-#include <gtest/gtest.h>
-#include <png.h>
-#include <zlib.h>
-#include <tiff.h>
 
 #include "BoundaryCalls.h"
 #include "ImageWriters.h"
@@ -15,9 +15,9 @@
 #include "TempDir.h"
 
 using namespace TellarImaging;
-using Core::Ptr;
 using BoundaryCalls::Failure;
 using BoundaryCalls::Made;
+using Core::Ptr;
 using TestImages::Bytes;
 
 namespace {
@@ -32,8 +32,9 @@ Ptr<IImage> DecodeOk(const Bytes& bytes) {
 // The text of the error decoding `bytes` reports; no image may come with it.
 std::string DecodeFailure(const Bytes& bytes) {
     Ptr<IImage> image;
-    const std::string text = Failure(
-        [&](auto error) { return CreateImageFromMemoryStream(bytes.data(), bytes.size(), image.ReceiveAddress(), error); });
+    const std::string text = Failure([&](auto error) {
+        return CreateImageFromMemoryStream(bytes.data(), bytes.size(), image.ReceiveAddress(), error);
+    });
     EXPECT_EQ(image.Raw(), nullptr);
     return text;
 }
@@ -72,6 +73,7 @@ TEST(DecodePng, AllColourTypesAndDepthsBecomeRgba8) {
         std::vector<uint16_t> key = {}; // grey, or red green blue
     };
     const Bytes rgbw = {255, 0, 0, 0, 255, 0, 0, 0, 255, 10, 20, 30};
+    // clang-format off
     const Case cases[] = {
         {"grey 1", PNG_COLOR_TYPE_GRAY, 1, {0b10100000}, {{255, 255, 255, 255}, {0, 0, 0, 255}, {255, 255, 255, 255}, {0, 0, 0, 255}}},
         {"grey 2", PNG_COLOR_TYPE_GRAY, 2, {0b00011011}, {{0, 0, 0, 255}, {85, 85, 85, 255}, {170, 170, 170, 255}, {255, 255, 255, 255}}},
@@ -89,6 +91,7 @@ TEST(DecodePng, AllColourTypesAndDepthsBecomeRgba8) {
         {"grey with key colour", PNG_COLOR_TYPE_GRAY, 8, {7, 8, 7, 9}, {{7, 7, 7, 0}, {8, 8, 8, 255}, {7, 7, 7, 0}, {9, 9, 9, 255}}, {}, {}, {7}},
         {"rgb with key colour", PNG_COLOR_TYPE_RGB, 8, {1, 2, 3, 1, 2, 4, 1, 2, 3, 0, 0, 0}, {{1, 2, 3, 0}, {1, 2, 4, 255}, {1, 2, 3, 0}, {0, 0, 0, 255}}, {}, {}, {1, 2, 3}},
     };
+    // clang-format on
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         TestImages::PngLayout layout = Layout(4, 1, c.colorType, c.bitDepth, c.row);
@@ -96,7 +99,8 @@ TEST(DecodePng, AllColourTypesAndDepthsBecomeRgba8) {
         layout.paletteAlpha = c.paletteAlpha;
         layout.grayKey = !c.key.empty();
         if (c.key.size() == 1) layout.keyGray = c.key[0];
-        if (c.key.size() == 3) std::tie(layout.keyRed, layout.keyGreen, layout.keyBlue) = std::tie(c.key[0], c.key[1], c.key[2]);
+        if (c.key.size() == 3)
+            std::tie(layout.keyRed, layout.keyGreen, layout.keyBlue) = std::tie(c.key[0], c.key[1], c.key[2]);
         Ptr<IImage> image = DecodeOk(TestImages::EncodePng(layout));
         EXPECT_EQ(image->GetWidth(), 4);
         EXPECT_EQ(image->GetHeight(), 1);
@@ -182,9 +186,14 @@ TEST(DecodeTiff, StripsAndTilesOfEveryLayout) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         // 37 is not a multiple of the tile width: edge tiles are partly outside.
-        TestImages::TiffLayout layout{.width = 37, .height = 21, .samples = c.samples, .bits = c.bits,
-                                    .sampleFormat = c.format, .tiled = c.tiled, .separate = c.separate,
-                                    .compression = c.compression};
+        TestImages::TiffLayout layout{.width = 37,
+                                      .height = 21,
+                                      .samples = c.samples,
+                                      .bits = c.bits,
+                                      .sampleFormat = c.format,
+                                      .tiled = c.tiled,
+                                      .separate = c.separate,
+                                      .compression = c.compression};
         const size_t pixelBytes = size_t(c.samples * c.bits / 8);
         layout.pixels.resize(pixelBytes * layout.width * layout.height);
         for (size_t i = 0; i < layout.pixels.size(); ++i) layout.pixels[i] = uint8_t((i * 31 + i / 7) & 0xff);
@@ -201,7 +210,6 @@ TEST(DecodeTiff, StripsAndTilesOfEveryLayout) {
         EXPECT_EQ(tiff->GetPixelDataType(), c.pixelDataType);
         EXPECT_EQ(std::memcmp(image->GetPixelPointer(0, 0), layout.pixels.data(), layout.pixels.size()), 0);
         EXPECT_EQ(dynamic_cast<ITiledTiffImage*>(image.Raw()) != nullptr, c.tiled);
-
     }
 }
 
@@ -268,8 +276,9 @@ TEST(DecodeErrors, CorruptAndTruncatedInputs) {
     EXPECT_FALSE(DecodeFailure(Bytes{0}).empty());
     Ptr<IImage> missing;
     const std::string path = dir.File("none.png");
-    EXPECT_NE(Failure([&](auto error) { return OpenImageA(path.c_str(), missing.ReceiveAddress(), error); }).find("none.png"),
-              std::string::npos);
+    EXPECT_NE(
+        Failure([&](auto error) { return OpenImageA(path.c_str(), missing.ReceiveAddress(), error); }).find("none.png"),
+        std::string::npos);
 }
 
 // A header that asks for more memory than any tile needs is refused before anything is allocated.
@@ -286,8 +295,9 @@ TEST(DecodeErrors, OversizedPngHeader) {
 
 TEST(DecodeErrors, BoundaryGuards) {
     Ptr<IImage> image;
-    EXPECT_EQ(Failure([&](auto error) { return CreateImageFromMemoryStream(nullptr, 10, image.ReceiveAddress(), error); }),
-              "Pointer of char must not be null!");
+    EXPECT_EQ(
+        Failure([&](auto error) { return CreateImageFromMemoryStream(nullptr, 10, image.ReceiveAddress(), error); }),
+        "Pointer of char must not be null!");
 
     const Bytes png = TestImages::EncodePng(Layout(1, 1, PNG_COLOR_TYPE_GRAY, 8, Bytes{5}));
     Ptr<IImage> first = DecodeOk(png);

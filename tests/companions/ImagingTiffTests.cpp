@@ -1,14 +1,14 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <algorithm>
-#include <tuple>
 #include <regex>
 #include <string>
+#include <tuple>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "BoundaryCalls.h"
 #include "ImageWriters.h"
@@ -16,14 +16,15 @@
 #include "TempDir.h"
 
 using namespace TellarImaging;
-using Core::Ptr;
 using BoundaryCalls::Failure;
 using BoundaryCalls::Made;
+using Core::Ptr;
 
 namespace {
 
 Ptr<ITransform> Transform(double sx, double sy, double ox, double oy, double kx = 0, double ky = 0) {
-    return Made<ITransform>([&](auto out, auto error) { CreateTransformFromParams(sx, sy, ox, oy, kx, ky, out, error); });
+    return Made<ITransform>(
+        [&](auto out, auto error) { CreateTransformFromParams(sx, sy, ox, oy, kx, ky, out, error); });
 }
 
 Ptr<ITiffImage> NewTiff(int32_t width, int32_t height, int32_t type) {
@@ -92,7 +93,9 @@ TEST(Transform, PixelToWorldAndBack) {
     EXPECT_EQ(std::trunc(px), 7.0);
 
     Ptr<ITransform> singular;
-    EXPECT_EQ(Failure([&](auto error) { return CreateTransformFromParams(0.0, -1.0, 0, 0, 0, 0, singular.ReceiveAddress(), error); }),
+    EXPECT_EQ(Failure([&](auto error) {
+                  return CreateTransformFromParams(0.0, -1.0, 0, 0, 0, 0, singular.ReceiveAddress(), error);
+              }),
               "Transform is not invertible");
 }
 
@@ -212,7 +215,9 @@ TEST(GeoTiff, WriteAndReadBack) {
         std::vector<double> params;
     };
     const Case cases[] = {
-        {"rgba web mercator", PixelDataTypeRgba32, 3857,
+        {"rgba web mercator",
+         PixelDataTypeRgba32,
+         3857,
          {152.87405657041106, -152.87405657041106, 1113194.9079327357, 6446275.841017158, 0, 0}},
         {"float32 wgs84", PixelDataTypeFloat32, 4326, {0.25, -0.125, 5.0, 55.0, 0, 0}},
         {"int16 utm", PixelDataTypeGray16, 32632, {30.0, -30.0, 500000.0, 5400000.0, 0, 0}},
@@ -254,7 +259,8 @@ TEST(GeoTiff, WriteAndReadBack) {
         const std::regex corners(R"re("upperLeft":\[([-0-9.e+]+),([-0-9.e+]+)\].*"lowerRight":\[([-0-9.e+]+),([-0-9.e+]+)\])re");
         ASSERT_TRUE(std::regex_search(json, m, corners)) << json;
         const double tolerance = c.epsg == 4326 ? 1e-9 : 1e-3;
-        const double corner[4] = {c.params[2], c.params[3], c.params[2] + 33 * c.params[0], c.params[3] + 17 * c.params[1]};
+        const double corner[4] = {c.params[2], c.params[3], c.params[2] + 33 * c.params[0],
+                                  c.params[3] + 17 * c.params[1]};
         for (int i = 0; i < 4; ++i) EXPECT_NEAR(std::stod(m[i + 1]), corner[i], tolerance) << i;
     }
 }
@@ -282,12 +288,16 @@ TEST(SaveImage, PngRoundTripAndRefusals) {
     }
 
     const auto saveFailure = [](int32_t type, const std::string& path, int32_t format) {
-        return Failure([&](auto error) { return TellarImaging_SaveImage(NewTiff(4, 4, type).Raw(), path.c_str(), format, error); });
+        return Failure([&](auto error) {
+            return TellarImaging_SaveImage(NewTiff(4, 4, type).Raw(), path.c_str(), format, error);
+        });
     };
     const std::string path = dir.File("deep.png");
-    EXPECT_EQ(saveFailure(PixelDataTypeGray16, path, ImageFileFormatPng), "PNG needs 8 bits per sample and 1 to 4 samples");
+    EXPECT_EQ(saveFailure(PixelDataTypeGray16, path, ImageFileFormatPng),
+              "PNG needs 8 bits per sample and 1 to 4 samples");
     EXPECT_FALSE(std::ifstream(path).good());
     EXPECT_EQ(saveFailure(PixelDataTypeGray8, dir.File("x"), 7), "Unknown image file format 7");
-    EXPECT_NE(saveFailure(PixelDataTypeGray8, "/nonexistent/dir/a.tif", ImageFileFormatTiff).find("Failed to create TIFF file"),
+    EXPECT_NE(saveFailure(PixelDataTypeGray8, "/nonexistent/dir/a.tif", ImageFileFormatTiff)
+                  .find("Failed to create TIFF file"),
               std::string::npos);
 }

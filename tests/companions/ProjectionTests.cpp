@@ -1,18 +1,18 @@
+#include <gtest/gtest.h>
+
 #include <cmath>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "BoundaryCalls.h"
 #include "Tellar/Spatial/Exports.h"
 #include "Tellar/Spatial/ProjectionExports.h"
 
 using namespace Tellar::Interfaces;
-using Core::Ptr;
 using BoundaryCalls::Failure;
 using BoundaryCalls::Made;
+using Core::Ptr;
 
 namespace {
 
@@ -83,11 +83,13 @@ TEST(Epsg, SameCodeSameObjectDefinitionsAndRefusals) {
     ASSERT_TRUE(epsg->CreateCrsFromDefinition("+proj=merc +datum=WGS84 +type=crs", custom.ReceiveAddress(), nullptr));
     EXPECT_EQ(custom->GetEpsgCode(), 0u);
 
-    const std::string unknown = Failure([&](auto error) { return epsg->CreateCrs(999999, missing.ReceiveAddress(), error); });
+    const std::string unknown =
+        Failure([&](auto error) { return epsg->CreateCrs(999999, missing.ReceiveAddress(), error); });
     EXPECT_EQ(missing.Raw(), nullptr);
     EXPECT_NE(unknown.find("Unknown EPSG code 999999"), std::string::npos) << unknown;
-    EXPECT_NE(Failure([&](auto error) { return epsg->CreateCrsFromDefinition("+proj=nonsense", bad.ReceiveAddress(), error); })
-                  .find("Invalid CRS definition"),
+    EXPECT_NE(Failure([&](auto error) {
+                  return epsg->CreateCrsFromDefinition("+proj=nonsense", bad.ReceiveAddress(), error);
+              }).find("Invalid CRS definition"),
               std::string::npos);
 }
 
@@ -174,7 +176,8 @@ TEST(CrsTransformation, NoOpLeavesCoordinatesAndAcceptsNullCrs) {
 TEST(CrsTransformation, GuardsAndUntransformablePoints) {
     Ptr<ICrsTransformation> t;
     EXPECT_EQ(Failure([&](auto error) {
-                  return TellarSpatialProjection_CreateCrsTransformation(nullptr, Crs(4326).Raw(), t.ReceiveAddress(), error);
+                  return TellarSpatialProjection_CreateCrsTransformation(nullptr, Crs(4326).Raw(), t.ReceiveAddress(),
+                                                                         error);
               }),
               "Pointer of struct Tellar::Interfaces::ICrs must not be null!");
 

@@ -7,9 +7,9 @@
 #include "RasterTestSupport.h"
 
 using namespace RasterTests;
-using TestSupport::MessageOf;
 using Tellar::Interfaces::ICrsTransformation;
 using Tellar::Interfaces::TransformForward;
+using TestSupport::MessageOf;
 
 namespace {
 

@@ -3,9 +3,9 @@
 #include <random>
 
 #include "ImageWriters.h"
+#include "MessageOf.h"
 #include "Private/Spatial/Raster/AffineMap.h"
 #include "Private/Spatial/Raster/ImageBase.h"
-#include "MessageOf.h"
 #include "RasterTestSupport.h"
 #include "TempDir.h"
 
@@ -17,8 +17,13 @@ namespace {
 
 // A tiled RGBA TIFF of position colours, decoded by the imaging library.
 Ptr<IImage> TiledImage(const TestSupport::TempDir& dir, int32_t width, int32_t height, int32_t tile) {
-    TestImages::TiffLayout layout{.width = width, .height = height, .samples = 4, .tiled = true, .tileWidth = tile,
-                                .tileHeight = tile, .pixels = TestImages::Bytes(size_t(width) * height * 4)};
+    TestImages::TiffLayout layout{.width = width,
+                                  .height = height,
+                                  .samples = 4,
+                                  .tiled = true,
+                                  .tileWidth = tile,
+                                  .tileHeight = tile,
+                                  .pixels = TestImages::Bytes(size_t(width) * height * 4)};
     for (int32_t y = 0; y < height; ++y)
         for (int32_t x = 0; x < width; ++x) {
             const uint32_t colour = PositionColour(x, y);

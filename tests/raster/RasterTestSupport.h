@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "BoundaryCalls.h"
-#include "ImageWriters.h"
 #include "Core/Ptr.h"
+#include "ImageWriters.h"
 #include "Tellar/Spatial/Maps/CrsTransformationHolder.h"
 #include "Tellar/Spatial/ProjectionExports.h"
 #include "TellarImaging/Exports.h"
@@ -46,9 +46,10 @@ inline Ptr<ITransform> Transform(double scaleX, double scaleY, double originX, d
 // A zero-filled TIFF image, optionally georeferenced.
 inline Ptr<ITiffImage> NewTiff(int32_t width, int32_t height, int32_t kind, int32_t samples, int32_t bits,
                                ITransform* transform = nullptr, uint32_t epsgCode = 0) {
-    Ptr<ITiffImage> tiff = BoundaryCalls::Made<IImage>([&](auto out, auto error) {
-                               TellarImaging_CreateMultiChannelTiffImage(width, height, kind, samples, bits, out, error);
-                           }).As<ITiffImage>();
+    Ptr<ITiffImage> tiff =
+        BoundaryCalls::Made<IImage>([&](auto out, auto error) {
+            TellarImaging_CreateMultiChannelTiffImage(width, height, kind, samples, bits, out, error);
+        }).As<ITiffImage>();
     tiff->SetTransform(transform);
     tiff->SetEpsgCode(epsgCode);
     return tiff;

@@ -4,14 +4,14 @@
 
 #include "Core/StringFormat.h"
 #include "Core/TypeName.h"
-#include "Private/Spatial/Raster/RasterUtils.h"
 #include "MessageOf.h"
+#include "Private/Spatial/Raster/RasterUtils.h"
 #include "RasterTestSupport.h"
 #include "RecordingLogger.h"
 
 using namespace RasterTests;
-using TestSupport::MessageOf;
 using Tellar::Spatial::Raster::RasterUtils;
+using TestSupport::MessageOf;
 using namespace TellarImaging;
 
 namespace {
@@ -45,8 +45,8 @@ Counts ExpectLanded(IImage* source, IImage* target, std::vector<uint8_t> fill, i
             sourceTransform->WorldToPixel(x, y, 0.0, &px, &py, &z);
             if (nearEdge(px, width) || nearEdge(py, height)) continue;
             const bool inside = px >= 0.0 && py >= 0.0 && px < width && py < height;
-            const auto* expected = inside ? static_cast<const uint8_t*>(source->GetPixelPointer(int32_t(px), int32_t(py)))
-                                          : fill.data();
+            const auto* expected =
+                inside ? static_cast<const uint8_t*>(source->GetPixelPointer(int32_t(px), int32_t(py))) : fill.data();
             const auto* got = static_cast<const uint8_t*>(target->GetPixelPointer(c, r));
             EXPECT_EQ(std::vector<uint8_t>(got, got + bytes), std::vector<uint8_t>(expected, expected + bytes))
                 << "pixel " << c << "," << r;
