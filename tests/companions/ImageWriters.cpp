@@ -1,16 +1,17 @@
 #include "ImageWriters.h"
 
+#include <jpeglib.h>
+#include <png.h>
+#include <tiffio.h>
+#include <webp/encode.h>
+
+#include <algorithm>
 #include <csetjmp>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
-
-#include <jpeglib.h>
-#include <png.h>
-#include <tiffio.h>
-#include <webp/encode.h>
 
 namespace TestImages {
 
@@ -45,13 +46,9 @@ Bytes EncodePng(const PngLayout& s) {
     for (size_t i = 0; i + 2 < s.palette.size(); i += 3)
         palette.push_back({s.palette[i], s.palette[i + 1], s.palette[i + 2]});
     if (!palette.empty()) png_set_PLTE(png, info, palette.data(), int(palette.size()));
-    std::vector<uint8_t> alpha = s.paletteAlpha;
-    png_color_16 key{};
-    key.gray = s.keyGray;
-    key.red = s.keyRed;
-    key.green = s.keyGreen;
-    key.blue = s.keyBlue;
-    if (!alpha.empty()) png_set_tRNS(png, info, alpha.data(), int(alpha.size()), nullptr);
+    png_color_16 key{0, s.keyRed, s.keyGreen, s.keyBlue, s.keyGray};
+    if (!s.paletteAlpha.empty())
+        png_set_tRNS(png, info, s.paletteAlpha.data(), int(s.paletteAlpha.size()), nullptr);
     else if (s.grayKey) png_set_tRNS(png, info, nullptr, 0, &key);
     png_write_info(png, info);
     const size_t rowBytes = (size_t(s.width) * BitsPerPixel(s) + 7) / 8;
@@ -99,7 +96,7 @@ Bytes EncodeWebpRgba(int width, int height, const Bytes& rgba, bool lossless) {
     return out;
 }
 
-Bytes EncodeTiff(const TiffSpec& s, const std::string& path) {
+Bytes EncodeTiff(const TiffLayout& s, const std::string& path) {
     TIFF* tif = TIFFOpen(path.c_str(), "w");
     if (!tif) throw std::runtime_error("tiff open failed");
     TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, uint32_t(s.width));
@@ -118,38 +115,31 @@ Bytes EncodeTiff(const TiffSpec& s, const std::string& path) {
     const size_t pixelBytes = sampleBytes * s.samples;
     const int planes = s.separate ? s.samples : 1;
     const size_t blockPixel = s.separate ? sampleBytes : pixelBytes;
-    auto fill = [&](Bytes& block, int x0, int y0, int bw, int bh, int plane) {
-        for (int y = 0; y < bh; ++y)
-            for (int x = 0; x < bw; ++x) {
-                if (x0 + x >= s.width || y0 + y >= s.height) continue;
-                const uint8_t* from = s.pixels.data() + (size_t(y0 + y) * s.width + (x0 + x)) * pixelBytes;
-                uint8_t* to = block.data() + (size_t(y) * bw + x) * blockPixel;
-                if (s.separate) std::memcpy(to, from + plane * sampleBytes, sampleBytes);
-                else std::memcpy(to, from, pixelBytes);
-            }
-    };
+    // Tiles, or strips as wide as the image: blocks of bw x bh pixels, one plane after the other.
+    const int bw = s.tiled ? s.tileWidth : s.width, bh = s.tiled ? s.tileHeight : s.rowsPerStrip;
     if (s.tiled) {
-        TIFFSetField(tif, TIFFTAG_TILEWIDTH, uint32_t(s.tileWidth));
-        TIFFSetField(tif, TIFFTAG_TILELENGTH, uint32_t(s.tileHeight));
-        for (int plane = 0; plane < planes; ++plane)
-            for (int y = 0; y < s.height; y += s.tileHeight)
-                for (int x = 0; x < s.width; x += s.tileWidth) {
-                    Bytes block(size_t(s.tileWidth) * s.tileHeight * blockPixel, 0);
-                    fill(block, x, y, s.tileWidth, s.tileHeight, plane);
-                    TIFFWriteEncodedTile(tif, TIFFComputeTile(tif, x, y, 0, uint16_t(plane)), block.data(),
-                                         tmsize_t(block.size()));
-                }
+        TIFFSetField(tif, TIFFTAG_TILEWIDTH, uint32_t(bw));
+        TIFFSetField(tif, TIFFTAG_TILELENGTH, uint32_t(bh));
     } else {
-        TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, uint32_t(s.rowsPerStrip));
-        for (int plane = 0; plane < planes; ++plane)
-            for (int y = 0; y < s.height; y += s.rowsPerStrip) {
-                const int rows = std::min(s.rowsPerStrip, s.height - y);
-                Bytes block(size_t(s.width) * rows * blockPixel, 0);
-                fill(block, 0, y, s.width, rows, plane);
-                TIFFWriteEncodedStrip(tif, TIFFComputeStrip(tif, y, uint16_t(plane)), block.data(),
-                                      tmsize_t(block.size()));
-            }
+        TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, uint32_t(bh));
     }
+    for (int plane = 0; plane < planes; ++plane)
+        for (int y0 = 0; y0 < s.height; y0 += bh)
+            for (int x0 = 0; x0 < s.width; x0 += bw) {
+                const int rows = s.tiled ? bh : std::min(bh, s.height - y0); // the last strip may be short
+                Bytes block(size_t(bw) * rows * blockPixel, 0);
+                for (int y = 0; y < rows && y0 + y < s.height; ++y)
+                    for (int x = 0; x < bw && x0 + x < s.width; ++x) {
+                        const uint8_t* from = s.pixels.data() + (size_t(y0 + y) * s.width + (x0 + x)) * pixelBytes;
+                        uint8_t* to = block.data() + (size_t(y) * bw + x) * blockPixel;
+                        std::memcpy(to, from + (s.separate ? plane * sampleBytes : 0), blockPixel);
+                    }
+                const tmsize_t size = tmsize_t(block.size());
+                if (s.tiled)
+                    TIFFWriteEncodedTile(tif, TIFFComputeTile(tif, x0, y0, 0, uint16_t(plane)), block.data(), size);
+                else
+                    TIFFWriteEncodedStrip(tif, TIFFComputeStrip(tif, y0, uint16_t(plane)), block.data(), size);
+            }
     TIFFClose(tif);
     return ReadFileBytes(path);
 }

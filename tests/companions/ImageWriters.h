@@ -12,11 +12,11 @@ struct PngLayout {
     int width = 0, height = 0;
     int colorType = 0; // PNG_COLOR_TYPE_*
     int bitDepth = 8;
-    Bytes rows;                      // packed as PNG stores them, 16-bit samples big-endian
-    std::vector<uint8_t> palette;    // RGB triples for a palette image
-    std::vector<uint8_t> paletteAlpha; // tRNS for a palette image
-    bool interlaced = false;         // Adam7
-    bool grayKey = false;            // tRNS key colour for grey or RGB images
+    Bytes rows{};                        // packed as PNG stores them, 16-bit samples big-endian
+    std::vector<uint8_t> palette{};      // RGB triples for a palette image
+    std::vector<uint8_t> paletteAlpha{}; // tRNS for a palette image
+    bool interlaced = false;             // Adam7
+    bool grayKey = false;                // tRNS key colour for grey or RGB images
     uint16_t keyGray = 0, keyRed = 0, keyGreen = 0, keyBlue = 0;
 };
 Bytes EncodePng(const PngLayout& layout);
@@ -26,7 +26,7 @@ Bytes EncodeJpeg(int width, int height, int components, const Bytes& pixels, int
 
 Bytes EncodeWebpRgba(int width, int height, const Bytes& rgba, bool lossless);
 
-struct TiffSpec {
+struct TiffLayout {
     int width = 0, height = 0;
     int samples = 1, bits = 8;
     int sampleFormat = 1; // SAMPLEFORMAT_*
@@ -35,9 +35,9 @@ struct TiffSpec {
     bool separate = false;
     int compression = 1; // COMPRESSION_*
     int rowsPerStrip = 5;
-    Bytes pixels; // packed contiguous rows, native byte order
+    Bytes pixels{}; // packed contiguous rows, native byte order
 };
-Bytes EncodeTiff(const TiffSpec& layout, const std::string& path);
+Bytes EncodeTiff(const TiffLayout& layout, const std::string& path);
 
 Bytes ReadFileBytes(const std::string& path);
 

@@ -1,48 +1,38 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <algorithm>
-#include <tuple>
 #include <regex>
 #include <string>
+#include <tuple>
 #include <vector>
 
-#include <gtest/gtest.h>
-
-#include "Core/AbiGuard.h"
+#include "BoundaryCalls.h"
 #include "ImageWriters.h"
 #include "TellarImaging/Exports.h"
 #include "TempDir.h"
 
 using namespace TellarImaging;
+using BoundaryCalls::Failure;
+using BoundaryCalls::Made;
 using Core::Ptr;
 
 namespace {
 
 Ptr<ITransform> Transform(double sx, double sy, double ox, double oy, double kx = 0, double ky = 0) {
-    Ptr<ITransform> t;
-    Ptr<Core::IErrorCode> error;
-    CreateTransformFromParams(sx, sy, ox, oy, kx, ky, t.ReceiveAddress(), error.ReceiveAddress());
-    Core::ThrowIfError(error);
-    return t;
+    return Made<ITransform>(
+        [&](auto out, auto error) { CreateTransformFromParams(sx, sy, ox, oy, kx, ky, out, error); });
 }
 
 Ptr<ITiffImage> NewTiff(int32_t width, int32_t height, int32_t type) {
-    Ptr<ITiffImage> image;
-    Ptr<Core::IErrorCode> error;
-    CreateTiffImage(width, height, type, image.ReceiveAddress(), error.ReceiveAddress());
-    Core::ThrowIfError(error);
-    return image;
+    return Made<ITiffImage>([&](auto out, auto error) { CreateTiffImage(width, height, type, out, error); });
 }
 
 Ptr<IImage> Open(const std::string& path) {
-    Ptr<IImage> image;
-    Ptr<Core::IErrorCode> error;
-    OpenImageA(path.c_str(), image.ReceiveAddress(), error.ReceiveAddress());
-    Core::ThrowIfError(error);
-    return image;
+    return Made<IImage>([&](auto out, auto error) { OpenImageA(path.c_str(), out, error); });
 }
 
 void Save(IImage* image, const std::string& path, int32_t format) {
@@ -67,17 +57,6 @@ void FillRamp(IImage* image) {
         for (int32_t x = 0; x < image->GetWidth(); ++x)
             for (int32_t s = 0; s < samples; ++s)
                 static_cast<T*>(image->GetPixelPointer(x, y))[s] = T((y * 1000 + x * 10 + s) % 251) + T(0.25 * s);
-}
-
-std::string RunCommand(const std::string& command) {
-    std::string output;
-    if (FILE* pipe = popen(command.c_str(), "r")) {
-        char buffer[4096];
-        size_t n;
-        while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) output.append(buffer, n);
-        pclose(pipe);
-    }
-    return output;
 }
 
 } // namespace
@@ -114,9 +93,10 @@ TEST(Transform, PixelToWorldAndBack) {
     EXPECT_EQ(std::trunc(px), 7.0);
 
     Ptr<ITransform> singular;
-    Ptr<Core::IErrorCode> error;
-    EXPECT_FALSE(CreateTransformFromParams(0.0, -1.0, 0, 0, 0, 0, singular.ReceiveAddress(), error.ReceiveAddress()));
-    EXPECT_STREQ(error->GetMessage(), "Transform is not invertible");
+    EXPECT_EQ(Failure([&](auto error) {
+                  return CreateTransformFromParams(0.0, -1.0, 0, 0, 0, 0, singular.ReceiveAddress(), error);
+              }),
+              "Transform is not invertible");
 }
 
 TEST(TiffImage, CreateEveryNamedTypeAndRefuseOthers) {
@@ -146,8 +126,7 @@ TEST(TiffImage, CreateEveryNamedTypeAndRefuseOthers) {
     EXPECT_EQ(NewTiff(0, 0, PixelDataTypeRgba32)->GetWidth(), 0);
 
     Ptr<ITiffImage> none;
-    Ptr<Core::IErrorCode> error;
-    EXPECT_FALSE(CreateTiffImage(4, 4, 99, none.ReceiveAddress(), error.ReceiveAddress()));
+    EXPECT_FALSE(CreateTiffImage(4, 4, 99, none.ReceiveAddress(), nullptr));
     EXPECT_FALSE(CreateTiffImage(4, 4, PixelDataTypeUnknown, none.ReceiveAddress(), nullptr));
     EXPECT_FALSE(CreateTiffImage(-1, 4, PixelDataTypeGray8, none.ReceiveAddress(), nullptr));
 
@@ -165,9 +144,6 @@ TEST(TiffImage, PropertiesAndSubImages) {
     Ptr<ITiffImage> image = NewTiff(10, 8, PixelDataTypeGray16);
     FillRamp<uint16_t>(image.Raw());
     auto* image2 = image.Cast<ITiffImage2>();
-    EXPECT_EQ(image->GetIntProperty(), -1);
-    EXPECT_EQ(image->GetListCount(), 0u);
-    EXPECT_STREQ(image2->GetTextProperty(), "");
     image->SetIntProperty(12);
     image->SetListValue(2, 9);
     image->SetEpsgCode(3857);
@@ -176,10 +152,6 @@ TEST(TiffImage, PropertiesAndSubImages) {
     image2->SetTextProperty("elevation");
     Ptr<ITransform> attached = Transform(1, -1, 0, 0);
     ASSERT_TRUE(image2->SetObjectProperty(attached.Raw(), 0, nullptr));
-    EXPECT_EQ(image->GetListCount(), 3u);
-    EXPECT_EQ(image->GetListValue(0), 0);
-    EXPECT_EQ(image->GetListValue(2), 9);
-    EXPECT_EQ(image->GetListValue(3), 0);
 
     Ptr<IImage> sub;
     ASSERT_TRUE(image->CreateSubImage(3, 2, 4, 5, sub.ReceiveAddress(), nullptr));
@@ -194,7 +166,10 @@ TEST(TiffImage, PropertiesAndSubImages) {
     EXPECT_EQ(subTiff->GetEpsgCode(), 3857u);
     EXPECT_EQ(subTiff->GetSampleKind(), SampleKindSigned);
     EXPECT_EQ(subTiff->GetIntProperty(), 12);
-    EXPECT_EQ(subTiff->GetListValue(2), 9);
+    // The list grew to hold index 2; what it never held reads 0.
+    EXPECT_EQ(subTiff->GetListCount(), 3u);
+    EXPECT_EQ((std::vector{subTiff->GetListValue(0), subTiff->GetListValue(2), subTiff->GetListValue(3)}),
+              (std::vector<int32_t>{0, 9, 0}));
     EXPECT_STREQ(subTiff->GetTextProperty(), "elevation");
     Ptr<Core::IObject> object;
     ASSERT_TRUE(subTiff->GetObjectProperty(object.ReceiveAddress(), 0, nullptr));
@@ -207,21 +182,13 @@ TEST(TiffImage, PropertiesAndSubImages) {
     ASSERT_TRUE(image->CreateSubImage(0, 0, 10, 8, whole.ReceiveAddress(), nullptr));
     EXPECT_EQ(std::memcmp(whole->GetPixelPointer(0, 0), image->GetPixelPointer(0, 0), 10 * 8 * 2), 0);
     ASSERT_TRUE(image->CreateSubImage(10, 8, 0, 0, empty.ReceiveAddress(), nullptr));
-    Ptr<Core::IErrorCode> error;
-    EXPECT_FALSE(image->CreateSubImage(8, 0, 3, 1, outside.ReceiveAddress(), error.ReceiveAddress()));
-    EXPECT_STREQ(error->GetMessage(), "Sub-image (8, 0, 3x1) is outside the image of 10x8");
-
-    image->SetTransform(nullptr);
-    EXPECT_TRUE(ParamsOf(image.Raw()).empty());
+    EXPECT_EQ(Failure([&](auto error) { return image->CreateSubImage(8, 0, 3, 1, outside.ReceiveAddress(), error); }),
+              "Sub-image (8, 0, 3x1) is outside the image of 10x8");
 }
 
 TEST(TiffImage, ConvertDecodedImage) {
-    TestImages::PngLayout layout;
-    layout.width = 2;
-    layout.height = 1;
-    layout.colorType = 2; // RGB
-    layout.rows = {1, 2, 3, 4, 5, 6};
-    const auto png = TestImages::EncodePng(layout);
+    // Colour type 2: RGB.
+    const auto png = TestImages::EncodePng({.width = 2, .height = 1, .colorType = 2, .rows = {1, 2, 3, 4, 5, 6}});
     Ptr<IImage> decoded;
     ASSERT_TRUE(CreateImageFromMemoryStream(png.data(), png.size(), decoded.ReceiveAddress(), nullptr));
     Ptr<ITiffImage> tiff;
@@ -236,9 +203,11 @@ TEST(TiffImage, ConvertDecodedImage) {
     EXPECT_EQ(same.Raw(), tiff.Raw());
 }
 
-// What we write as GeoTIFF reads back with the same pixels and georeference.
+// What we write as GeoTIFF reads back with the same pixels and georeference, and GDAL, when it is
+// installed, finds the same CRS and corners in it.
 TEST(GeoTiff, WriteAndReadBack) {
     TestSupport::TempDir dir;
+    const bool gdal = std::system("command -v gdalinfo > /dev/null 2>&1") == 0;
     struct Case {
         const char* name;
         int32_t type;
@@ -246,9 +215,11 @@ TEST(GeoTiff, WriteAndReadBack) {
         std::vector<double> params;
     };
     const Case cases[] = {
-        {"rgba web mercator", PixelDataTypeRgba32, 3857,
+        {"rgba web mercator",
+         PixelDataTypeRgba32,
+         3857,
          {152.87405657041106, -152.87405657041106, 1113194.9079327357, 6446275.841017158, 0, 0}},
-        {"float32 wgs84", PixelDataTypeFloat32, 4326, {0.25, -0.25, 5.0, 55.0, 0, 0}},
+        {"float32 wgs84", PixelDataTypeFloat32, 4326, {0.25, -0.125, 5.0, 55.0, 0, 0}},
         {"int16 utm", PixelDataTypeGray16, 32632, {30.0, -30.0, 500000.0, 5400000.0, 0, 0}},
         {"float64 pairs, rotated, no epsg", PixelDataTypeFloat64x2, 0, {10.0, -10.0, 1000.0, 2000.0, 1.0, 0.5}},
     };
@@ -277,43 +248,20 @@ TEST(GeoTiff, WriteAndReadBack) {
         for (int i = 0; i < 6; ++i) EXPECT_DOUBLE_EQ(params[i], c.params[i]) << i;
         const size_t bytes = size_t(33) * 17 * image->GetSamplesPerPixel() * image->GetBitsPerSample() / 8;
         EXPECT_EQ(std::memcmp(back->GetPixelPointer(0, 0), image->GetPixelPointer(0, 0), bytes), 0);
-    }
-}
+        if (!gdal || c.epsg == 0) continue;
 
-TEST(GeoTiff, GdalReadsCrsAndCorners) {
-    if (std::system("command -v gdalinfo > /dev/null 2>&1") != 0) GTEST_SKIP() << "gdalinfo is not installed";
-    TestSupport::TempDir dir;
-    struct Case {
-        uint32_t epsg;
-        std::vector<double> params;
-        int32_t width, height;
-        double right, bottom;
-    };
-    const Case cases[] = {
-        {3857, {152.87405657041106, -152.87405657041106, 1113194.9079327357, 6446275.841017158, 0, 0}, 256, 256,
-         1113194.9079327357 + 256 * 152.87405657041106, 6446275.841017158 - 256 * 152.87405657041106},
-        {4326, {0.25, -0.125, 5.0, 55.0, 0, 0}, 40, 80, 15.0, 45.0},
-        {32632, {30.0, -30.0, 500000.0, 5400000.0, 0, 0}, 100, 50, 503000.0, 5398500.0},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.epsg);
-        Ptr<ITiffImage> image = NewTiff(c.width, c.height, PixelDataTypeRgba32);
-        image->SetTransform(Transform(c.params[0], c.params[1], c.params[2], c.params[3]).Raw());
-        image->SetEpsgCode(c.epsg);
-        const std::string path = dir.File("g" + std::to_string(c.epsg) + ".tif");
-        Save(image.Raw(), path, ImageFileFormatTiff);
-
-        std::string json = RunCommand("gdalinfo -json '" + path + "' 2>&1");
+        ASSERT_EQ(std::system(("gdalinfo -json '" + path + "' > '" + path + ".json' 2>&1").c_str()), 0);
+        const TestImages::Bytes output = TestImages::ReadFileBytes(path + ".json");
+        std::string json(output.begin(), output.end());
         json.erase(std::remove_if(json.begin(), json.end(), [](char ch) { return std::isspace(uint8_t(ch)); }), json.end());
         EXPECT_NE(json.find("ID[\\\"EPSG\\\"," + std::to_string(c.epsg) + "]]\""), std::string::npos) << json;
         std::smatch m;
         const std::regex corners(R"re("upperLeft":\[([-0-9.e+]+),([-0-9.e+]+)\].*"lowerRight":\[([-0-9.e+]+),([-0-9.e+]+)\])re");
         ASSERT_TRUE(std::regex_search(json, m, corners)) << json;
         const double tolerance = c.epsg == 4326 ? 1e-9 : 1e-3;
-        EXPECT_NEAR(std::stod(m[1]), c.params[2], tolerance);
-        EXPECT_NEAR(std::stod(m[2]), c.params[3], tolerance);
-        EXPECT_NEAR(std::stod(m[3]), c.right, tolerance);
-        EXPECT_NEAR(std::stod(m[4]), c.bottom, tolerance);
+        const double corner[4] = {c.params[2], c.params[3], c.params[2] + 33 * c.params[0],
+                                  c.params[3] + 17 * c.params[1]};
+        for (int i = 0; i < 4; ++i) EXPECT_NEAR(std::stod(m[i + 1]), corner[i], tolerance) << i;
     }
 }
 
@@ -339,18 +287,17 @@ TEST(SaveImage, PngRoundTripAndRefusals) {
             }
     }
 
-    Ptr<Core::IErrorCode> error;
+    const auto saveFailure = [](int32_t type, const std::string& path, int32_t format) {
+        return Failure([&](auto error) {
+            return TellarImaging_SaveImage(NewTiff(4, 4, type).Raw(), path.c_str(), format, error);
+        });
+    };
     const std::string path = dir.File("deep.png");
-    EXPECT_FALSE(TellarImaging_SaveImage(NewTiff(4, 4, PixelDataTypeGray16).Raw(), path.c_str(), ImageFileFormatPng,
-                                         error.ReceiveAddress()));
-    EXPECT_STREQ(error->GetMessage(), "PNG needs 8 bits per sample and 1 to 4 samples");
+    EXPECT_EQ(saveFailure(PixelDataTypeGray16, path, ImageFileFormatPng),
+              "PNG needs 8 bits per sample and 1 to 4 samples");
     EXPECT_FALSE(std::ifstream(path).good());
-    error = nullptr;
-    EXPECT_FALSE(TellarImaging_SaveImage(NewTiff(4, 4, PixelDataTypeGray8).Raw(), dir.File("x").c_str(), 7,
-                                         error.ReceiveAddress()));
-    EXPECT_STREQ(error->GetMessage(), "Unknown image file format 7");
-    error = nullptr;
-    EXPECT_FALSE(TellarImaging_SaveImage(NewTiff(4, 4, PixelDataTypeGray8).Raw(), "/nonexistent/dir/a.tif",
-                                         ImageFileFormatTiff, error.ReceiveAddress()));
-    EXPECT_NE(std::string(error->GetMessage()).find("Failed to create TIFF file"), std::string::npos);
+    EXPECT_EQ(saveFailure(PixelDataTypeGray8, dir.File("x"), 7), "Unknown image file format 7");
+    EXPECT_NE(saveFailure(PixelDataTypeGray8, "/nonexistent/dir/a.tif", ImageFileFormatTiff)
+                  .find("Failed to create TIFF file"),
+              std::string::npos);
 }

@@ -1,47 +1,38 @@
+#include <gtest/gtest.h>
+
 #include <cmath>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <gtest/gtest.h>
-
-#include "Core/AbiGuard.h"
+#include "BoundaryCalls.h"
 #include "Tellar/Spatial/Exports.h"
 #include "Tellar/Spatial/ProjectionExports.h"
 
 using namespace Tellar::Interfaces;
+using BoundaryCalls::Failure;
+using BoundaryCalls::Made;
 using Core::Ptr;
 
 namespace {
 
 Ptr<IEpsg> Epsg() {
-    Ptr<IEpsg> epsg;
-    Ptr<Core::IErrorCode> error;
-    EXPECT_TRUE(TellarSpatialProjection_CreateEpsg(epsg.ReceiveAddress(), error.ReceiveAddress()));
-    return epsg;
+    return Made<IEpsg>([](auto out, auto error) { TellarSpatialProjection_CreateEpsg(out, error); });
 }
 
 Ptr<ICrs> Crs(uint32_t code) {
-    Ptr<ICrs> crs;
-    Ptr<Core::IErrorCode> error;
-    Epsg()->CreateCrs(code, crs.ReceiveAddress(), error.ReceiveAddress());
-    Core::ThrowIfError(error);
-    return crs;
+    return Made<ICrs>([&](auto out, auto error) { Epsg()->CreateCrs(code, out, error); });
 }
 
 Ptr<ICrsTransformation> Transformation(uint32_t from, uint32_t to, bool viaWgs84 = false) {
-    Ptr<ICrsTransformation> result;
-    Ptr<Core::IErrorCode> error;
-    auto create = viaWgs84 ? TellarSpatialProjection_CreateCrsTransformationWithIntermediateWgs84Transform
-                           : TellarSpatialProjection_CreateCrsTransformation;
-    create(Crs(from).Raw(), Crs(to).Raw(), result.ReceiveAddress(), error.ReceiveAddress());
-    Core::ThrowIfError(error);
-    return result;
+    const auto create = viaWgs84 ? TellarSpatialProjection_CreateCrsTransformationWithIntermediateWgs84Transform
+                                 : TellarSpatialProjection_CreateCrsTransformation;
+    return Made<ICrsTransformation>([&](auto out, auto error) { create(Crs(from).Raw(), Crs(to).Raw(), out, error); });
 }
 
 } // namespace
 
-TEST(BoundingBox, StartsUnsetAndKeepsValues) {
+TEST(BoundingBox, StartsUnsetAndRefusesAFilledOutPointer) {
     Ptr<IBoundingBox2d> box;
     ASSERT_TRUE(TellarSpatial_CreateBoundingBox2d(box.ReceiveAddress(), nullptr));
     double v[4];
@@ -50,16 +41,10 @@ TEST(BoundingBox, StartsUnsetAndKeepsValues) {
     EXPECT_EQ(v[1], 1.7976931348623157e308);
     EXPECT_EQ(v[2], -1.7976931348623157e308);
     EXPECT_EQ(v[3], -1.7976931348623157e308);
-    box->SetValues(-1.5, 2.5, 3.5, 4.5);
-    double maxY = 0;
-    box->GetValues(nullptr, nullptr, nullptr, &maxY);
-    EXPECT_EQ(maxY, 4.5);
 
-    Ptr<Core::IErrorCode> error;
     IBoundingBox2d* stale = box.Raw();
-    EXPECT_FALSE(TellarSpatial_CreateBoundingBox2d(&stale, error.ReceiveAddress()));
-    EXPECT_STREQ(error->GetMessage(),
-                 "Pointer of struct Tellar::Interfaces::IBoundingBox2d must be null in order to avoid memory leaks!");
+    EXPECT_EQ(Failure([&](auto error) { return TellarSpatial_CreateBoundingBox2d(&stale, error); }),
+              "Pointer of struct Tellar::Interfaces::IBoundingBox2d must be null in order to avoid memory leaks!");
 }
 
 TEST(Epsg, DescribesKnownCodes) {
@@ -87,32 +72,25 @@ TEST(Epsg, DescribesKnownCodes) {
     }
 }
 
-TEST(Epsg, SameCodeGivesSameObjectAndUnknownCodeFails) {
+TEST(Epsg, SameCodeSameObjectDefinitionsAndRefusals) {
     Ptr<IEpsg> epsg = Epsg();
-    Ptr<ICrs> a, b, missing;
+    Ptr<ICrs> a, b, missing, fromCode, custom, bad;
     ASSERT_TRUE(epsg->CreateCrs(3857, a.ReceiveAddress(), nullptr));
     ASSERT_TRUE(epsg->CreateCrs(3857, b.ReceiveAddress(), nullptr));
     EXPECT_EQ(a.Raw(), b.Raw());
-
-    Ptr<Core::IErrorCode> error;
-    EXPECT_FALSE(epsg->CreateCrs(999999, missing.ReceiveAddress(), error.ReceiveAddress()));
-    EXPECT_EQ(missing.Raw(), nullptr);
-    ASSERT_TRUE(error.Raw());
-    EXPECT_NE(std::string(error->GetMessage()).find("Unknown EPSG code 999999"), std::string::npos)
-        << error->GetMessage();
-}
-
-TEST(Epsg, CreatesFromDefinition) {
-    Ptr<ICrs> crs;
-    ASSERT_TRUE(Epsg()->CreateCrsFromDefinition("EPSG:25832", crs.ReceiveAddress(), nullptr));
-    EXPECT_EQ(crs->GetEpsgCode(), 25832u);
-    Ptr<ICrs> custom;
-    ASSERT_TRUE(Epsg()->CreateCrsFromDefinition("+proj=merc +datum=WGS84 +type=crs", custom.ReceiveAddress(), nullptr));
+    ASSERT_TRUE(epsg->CreateCrsFromDefinition("EPSG:25832", fromCode.ReceiveAddress(), nullptr));
+    EXPECT_EQ(fromCode->GetEpsgCode(), 25832u);
+    ASSERT_TRUE(epsg->CreateCrsFromDefinition("+proj=merc +datum=WGS84 +type=crs", custom.ReceiveAddress(), nullptr));
     EXPECT_EQ(custom->GetEpsgCode(), 0u);
-    Ptr<Core::IErrorCode> error;
-    Ptr<ICrs> bad;
-    EXPECT_FALSE(Epsg()->CreateCrsFromDefinition("+proj=nonsense", bad.ReceiveAddress(), error.ReceiveAddress()));
-    EXPECT_NE(std::string(error->GetMessage()).find("Invalid CRS definition"), std::string::npos);
+
+    const std::string unknown =
+        Failure([&](auto error) { return epsg->CreateCrs(999999, missing.ReceiveAddress(), error); });
+    EXPECT_EQ(missing.Raw(), nullptr);
+    EXPECT_NE(unknown.find("Unknown EPSG code 999999"), std::string::npos) << unknown;
+    EXPECT_NE(Failure([&](auto error) {
+                  return epsg->CreateCrsFromDefinition("+proj=nonsense", bad.ReceiveAddress(), error);
+              }).find("Invalid CRS definition"),
+              std::string::npos);
 }
 
 TEST(CrsTransformation, KnownCoordinatesInEastNorthOrder) {
@@ -140,9 +118,6 @@ TEST(CrsTransformation, KnownCoordinatesInEastNorthOrder) {
         EXPECT_NEAR(point[0], c.expectX, c.tolerance);
         EXPECT_NEAR(point[1], c.expectY, c.tolerance);
         EXPECT_EQ(point[3], 42.0);
-        EXPECT_EQ(t->GetSourceCrs()->GetEpsgCode(), c.from);
-        EXPECT_EQ(t->GetTargetCrs()->GetEpsgCode(), c.to);
-        EXPECT_FALSE(t->IsNoOp());
     }
 }
 
@@ -192,25 +167,22 @@ TEST(CrsTransformation, NoOpLeavesCoordinatesAndAcceptsNullCrs) {
     EXPECT_TRUE(t->IsNoOp());
     EXPECT_EQ(t->GetSourceCrs(), nullptr);
     EXPECT_EQ(t->GetTargetCrs()->GetEpsgCode(), 4326u);
-    double p[4] = {1, 2, 3, 4};
-    double x = 5, y = 6;
+    double p[4] = {1, 2, 3, 4}, x = 5, y = 6;
     ASSERT_TRUE(t->TransformPoints(1, p, nullptr));
     ASSERT_TRUE(t->TransformArrays(1, TransformForward, &x, &y, nullptr, nullptr));
-    EXPECT_EQ(p[0], 1);
-    EXPECT_EQ(p[1], 2);
-    EXPECT_EQ(x, 5);
-    EXPECT_EQ(y, 6);
+    EXPECT_EQ((std::vector<double>{p[0], p[1], x, y}), (std::vector<double>{1, 2, 5, 6}));
 }
 
 TEST(CrsTransformation, GuardsAndUntransformablePoints) {
-    Ptr<Core::IErrorCode> error;
     Ptr<ICrsTransformation> t;
-    EXPECT_FALSE(TellarSpatialProjection_CreateCrsTransformation(nullptr, Crs(4326).Raw(), t.ReceiveAddress(),
-                                                                 error.ReceiveAddress()));
-    EXPECT_STREQ(error->GetMessage(), "Pointer of struct Tellar::Interfaces::ICrs must not be null!");
+    EXPECT_EQ(Failure([&](auto error) {
+                  return TellarSpatialProjection_CreateCrsTransformation(nullptr, Crs(4326).Raw(), t.ReceiveAddress(),
+                                                                         error);
+              }),
+              "Pointer of struct Tellar::Interfaces::ICrs must not be null!");
 
     auto good = Transformation(4326, 3857);
-    error = nullptr;
+    Ptr<Core::IErrorCode> error;
     EXPECT_FALSE(good->TransformArrays(1, TransformForward, nullptr, nullptr, nullptr, error.ReceiveAddress()));
     ASSERT_TRUE(error.Raw());
     error = nullptr;

@@ -34,9 +34,8 @@ TEST(ReprojectImage, AgreesWithGdalwarpNearestNeighbour) {
         p[3] + height * p[1], p[2] + width * p[0], p[3], width, height, sourcePath.c_str(), gdalPath.c_str());
     ASSERT_EQ(std::system(command.c_str()), 0) << command;
 
-    Ptr<IImage> theirs;
-    OpenImageA(gdalPath.c_str(), theirs.ReceiveAddress(), error.ReceiveAddress());
-    Core::ThrowIfError(error);
+    const Ptr<IImage> theirs =
+        BoundaryCalls::Made<IImage>([&](auto out, auto error) { OpenImageA(gdalPath.c_str(), out, error); });
     ASSERT_EQ(theirs->GetWidth(), width);
     ASSERT_EQ(theirs->GetHeight(), height);
     ASSERT_EQ(theirs->GetSamplesPerPixel(), 4);

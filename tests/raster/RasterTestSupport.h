@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "Core/AbiGuard.h"
-#include "Core/ObjectImplBase.h"
+#include "BoundaryCalls.h"
 #include "Core/Ptr.h"
+#include "ImageWriters.h"
 #include "Tellar/Spatial/Maps/CrsTransformationHolder.h"
 #include "Tellar/Spatial/ProjectionExports.h"
 #include "TellarImaging/Exports.h"
@@ -26,18 +26,9 @@ using TellarImaging::ITiffImage2;
 using TellarImaging::ITransform;
 
 inline Ptr<ICrs> Crs(uint32_t code) {
-    static const Ptr<Tellar::Interfaces::IEpsg> epsg = [] {
-        Ptr<Tellar::Interfaces::IEpsg> made;
-        Ptr<Core::IErrorCode> error;
-        TellarSpatialProjection_CreateEpsg(made.ReceiveAddress(), error.ReceiveAddress());
-        Core::ThrowIfError(error);
-        return made;
-    }();
-    Ptr<ICrs> crs;
-    Ptr<Core::IErrorCode> error;
-    epsg->CreateCrs(code, crs.ReceiveAddress(), error.ReceiveAddress());
-    Core::ThrowIfError(error);
-    return crs;
+    static const Ptr<Tellar::Interfaces::IEpsg> epsg = BoundaryCalls::Made<Tellar::Interfaces::IEpsg>(
+        [](auto out, auto error) { TellarSpatialProjection_CreateEpsg(out, error); });
+    return BoundaryCalls::Made<ICrs>([&](auto out, auto error) { epsg->CreateCrs(code, out, error); });
 }
 
 // The holder that maps `from` coordinates to `to` coordinates.
@@ -47,23 +38,18 @@ inline CrsTransformationHolder Holder(uint32_t from, uint32_t to) {
 
 inline Ptr<ITransform> Transform(double scaleX, double scaleY, double originX, double originY, double skewX = 0.0,
                                  double skewY = 0.0) {
-    Ptr<ITransform> transform;
-    Ptr<Core::IErrorCode> error;
-    CreateTransformFromParams(scaleX, scaleY, originX, originY, skewX, skewY, transform.ReceiveAddress(),
-                              error.ReceiveAddress());
-    Core::ThrowIfError(error);
-    return transform;
+    return BoundaryCalls::Made<ITransform>([&](auto out, auto error) {
+        CreateTransformFromParams(scaleX, scaleY, originX, originY, skewX, skewY, out, error);
+    });
 }
 
 // A zero-filled TIFF image, optionally georeferenced.
 inline Ptr<ITiffImage> NewTiff(int32_t width, int32_t height, int32_t kind, int32_t samples, int32_t bits,
                                ITransform* transform = nullptr, uint32_t epsgCode = 0) {
-    Ptr<IImage> image;
-    Ptr<Core::IErrorCode> error;
-    TellarImaging_CreateMultiChannelTiffImage(width, height, kind, samples, bits, image.ReceiveAddress(),
-                                              error.ReceiveAddress());
-    Core::ThrowIfError(error);
-    Ptr<ITiffImage> tiff = image.As<ITiffImage>();
+    Ptr<ITiffImage> tiff =
+        BoundaryCalls::Made<IImage>([&](auto out, auto error) {
+            TellarImaging_CreateMultiChannelTiffImage(width, height, kind, samples, bits, out, error);
+        }).As<ITiffImage>();
     tiff->SetTransform(transform);
     tiff->SetEpsgCode(epsgCode);
     return tiff;
@@ -101,27 +87,19 @@ inline std::vector<double> ParamsOf(IImage* image) {
     return p;
 }
 
-// A raster that is no TIFF image: what a host could hand in.
-class PlainImage final : public Core::LightObjectImplBase<IImage> {
-public:
-    PlainImage(int32_t width, int32_t height) : width_(width), height_(height), pixels_(size_t(width) * height * 4) {}
-    int32_t GetWidth() const noexcept override { return width_; }
-    int32_t GetHeight() const noexcept override { return height_; }
-    int32_t GetBitsPerSample() const noexcept override { return 8; }
-    int32_t GetSamplesPerPixel() const noexcept override { return 4; }
-    void* GetPixelPointer(int32_t x, int32_t y) noexcept override {
-        if (x < 0 || y < 0 || x >= width_ || y >= height_) return nullptr;
-        return pixels_.data() + (size_t(y) * width_ + x) * 4;
+// RGBA position colours in an image that is no TIFF image: a decoded PNG, as a map tile comes in.
+inline Ptr<IImage> PlainImage(int32_t width, int32_t height) {
+    // Colour type 6: RGB with alpha.
+    TestImages::PngLayout layout{
+        .width = width, .height = height, .colorType = 6, .rows = TestImages::Bytes(size_t(width) * height * 4)};
+    for (int32_t i = 0; i < width * height; ++i) {
+        const uint32_t colour = PositionColour(i % width, i / width);
+        std::memcpy(layout.rows.data() + size_t(i) * 4, &colour, 4);
     }
-    bool CreateSubImage(int32_t, int32_t, int32_t, int32_t, IImage**, Core::IErrorCode** ppError) noexcept override {
-        Core::StoreError(ppError, Core::ErrorCodeValue, "no sub-images");
-        return false;
-    }
-
-private:
-    int32_t width_, height_;
-    std::vector<uint8_t> pixels_;
-};
+    const TestImages::Bytes png = TestImages::EncodePng(layout);
+    return BoundaryCalls::Made<IImage>(
+        [&](auto out, auto error) { CreateImageFromMemoryStream(png.data(), png.size(), out, error); });
+}
 
 // PROJ straight, from one EPSG code to another with x east and y north: the yardstick.
 class ProjDirect {

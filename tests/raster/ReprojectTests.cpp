@@ -1,16 +1,17 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <optional>
 
 #include "Core/StringFormat.h"
 #include "Core/TypeName.h"
+#include "MessageOf.h"
 #include "Private/Spatial/Raster/RasterUtils.h"
 #include "RasterTestSupport.h"
 #include "RecordingLogger.h"
 
 using namespace RasterTests;
 using Tellar::Spatial::Raster::RasterUtils;
+using TestSupport::MessageOf;
 using namespace TellarImaging;
 
 namespace {
@@ -18,67 +19,39 @@ namespace {
 constexpr const char* kFunction = "Tellar::Spatial::Raster::RasterUtils::ReprojectImage";
 constexpr uint32_t kNaN = 0x7FC00000u; // the no-data fill of a one-sample float raster
 
-// Where the centre of a 4326 target pixel lands in a 3857 source, by PROJ and the source's own
-// transform: the source pixel, nothing when it lands outside, or `unsure` when it lies within
-// a hair of a pixel edge, where rounding may go either way.
-struct Landing {
-    bool unsure = false;
-    std::optional<std::pair<int32_t, int32_t>> pixel;
-};
-
-class Yardstick {
-public:
-    Yardstick(IImage* source, IImage* target)
-        : proj_(4326, 3857), width_(source->GetWidth()), height_(source->GetHeight()) {
-        dynamic_cast<ITiffImage*>(source)->GetTransform(source_.ReceiveAddress(), nullptr);
-        dynamic_cast<ITiffImage*>(target)->GetTransform(target_.ReceiveAddress(), nullptr);
-    }
-
-    Landing At(int32_t column, int32_t row) const {
-        double x, y, z, px, py;
-        target_->PixelToWorld(column + 0.5, row + 0.5, &x, &y, &z);
-        proj_.Apply(x, y);
-        source_->WorldToPixel(x, y, 0.0, &px, &py, &z);
-        Landing landing;
-        const auto nearEdge = [](double v, int32_t size) {
-            return std::abs(v - std::round(v)) < 1e-6 && v > -1.0 && v < size + 1.0;
-        };
-        if (nearEdge(px, width_) || nearEdge(py, height_)) {
-            landing.unsure = true;
-        } else if (px >= 0.0 && py >= 0.0 && px < width_ && py < height_) {
-            landing.pixel = std::make_pair(int32_t(px), int32_t(py));
-        }
-        return landing;
-    }
-
-private:
-    ProjDirect proj_;
-    Ptr<ITransform> source_, target_;
-    int32_t width_, height_;
-};
-
-// Target pixels (every `step`th column from `firstRow` on) against the yardstick: the bytes of
-// the source pixel they land on, or `fill`.
+// Target pixels (every `step`th column from `firstRow` on) against the yardstick of PROJ and the
+// source's own transform: the bytes of the source pixel the centre of a 4326 target pixel lands
+// on in the 3857 source, or `fill` outside. Centres within a hair of a source pixel edge, where
+// rounding may go either way, are skipped.
 struct Counts {
     int64_t inside = 0, outside = 0;
 };
 Counts ExpectLanded(IImage* source, IImage* target, std::vector<uint8_t> fill, int32_t firstRow = 0, int32_t step = 1) {
-    const Yardstick yardstick(source, target);
+    const ProjDirect proj(4326, 3857);
+    Ptr<ITransform> sourceTransform, targetTransform;
+    dynamic_cast<ITiffImage*>(source)->GetTransform(sourceTransform.ReceiveAddress(), nullptr);
+    dynamic_cast<ITiffImage*>(target)->GetTransform(targetTransform.ReceiveAddress(), nullptr);
+    const int32_t width = source->GetWidth(), height = source->GetHeight();
+    const auto nearEdge = [](double v, int32_t size) {
+        return std::abs(v - std::round(v)) < 1e-6 && v > -1.0 && v < size + 1.0;
+    };
     const size_t bytes = fill.size();
     Counts counts;
     for (int32_t r = firstRow; r < target->GetHeight(); ++r)
         for (int32_t c = 0; c < target->GetWidth(); c += step) {
-            const Landing landing = yardstick.At(c, r);
-            if (landing.unsure) continue;
+            double x, y, z, px, py;
+            targetTransform->PixelToWorld(c + 0.5, r + 0.5, &x, &y, &z);
+            proj.Apply(x, y);
+            sourceTransform->WorldToPixel(x, y, 0.0, &px, &py, &z);
+            if (nearEdge(px, width) || nearEdge(py, height)) continue;
+            const bool inside = px >= 0.0 && py >= 0.0 && px < width && py < height;
             const auto* expected =
-                landing.pixel
-                    ? static_cast<const uint8_t*>(source->GetPixelPointer(landing.pixel->first, landing.pixel->second))
-                    : fill.data();
+                inside ? static_cast<const uint8_t*>(source->GetPixelPointer(int32_t(px), int32_t(py))) : fill.data();
             const auto* got = static_cast<const uint8_t*>(target->GetPixelPointer(c, r));
             EXPECT_EQ(std::vector<uint8_t>(got, got + bytes), std::vector<uint8_t>(expected, expected + bytes))
                 << "pixel " << c << "," << r;
             if (std::memcmp(got, expected, bytes) != 0) return counts;
-            ++(landing.pixel ? counts.inside : counts.outside);
+            ++(inside ? counts.inside : counts.outside);
         }
     EXPECT_GT(counts.inside, 0);
     return counts;
@@ -128,7 +101,7 @@ TEST(ReprojectImage, MercatorToGeographicLandsEveryPixelWherePROJSays) {
     source->SetListValue(2, 9);
     source->SetListValue(0, 3);
     source.As<ITiffImage2>()->SetTextProperty("relief");
-    const auto tag = Core::MakeObject<PlainImage>(1, 1);
+    const Ptr<ITransform> tag = Transform(1.0, -1.0, 0.0, 0.0);
     source.As<ITiffImage2>()->SetObjectProperty(tag.Raw(), 0, nullptr);
 
     TestSupport::ScopedRecordingLogger logger;
@@ -147,13 +120,8 @@ TEST(ReprojectImage, MercatorToGeographicLandsEveryPixelWherePROJSays) {
     const double resX = px1 - x0, resY = py1 - y0;
     const std::vector<double> params = ParamsOf(target.Raw());
     ASSERT_EQ(params.size(), 6u);
-    EXPECT_DOUBLE_EQ(params[0], resX);
-    EXPECT_DOUBLE_EQ(params[1], resY);
-    EXPECT_DOUBLE_EQ(params[2], x0);
-    EXPECT_DOUBLE_EQ(params[3], y0);
-    EXPECT_EQ(params[4], 0.0);
-    EXPECT_EQ(params[5], 0.0);
-    EXPECT_LT(resY, 0.0);
+    const double expect[6] = {resX, resY, x0, y0, 0.0, 0.0};
+    for (int i = 0; i < 6; ++i) EXPECT_DOUBLE_EQ(params[i], expect[i]) << i;
     EXPECT_NEAR(target->GetWidth(), std::trunc((x1 - x0) / resX) + 1, 1);
     EXPECT_NEAR(target->GetHeight(), std::abs(std::trunc((y1 - y0) / resY)) + 1, 1);
     EXPECT_EQ(target->GetEpsgCode(), 4326u);
@@ -161,11 +129,9 @@ TEST(ReprojectImage, MercatorToGeographicLandsEveryPixelWherePROJSays) {
     ExpectLanded(source.Raw(), target.Raw(), {0, 0, 0, 0});
 
     // Metadata comes along.
-    EXPECT_EQ(target->GetSampleKind(), SampleKindUnsigned);
     EXPECT_EQ(target->GetIntProperty(), 17);
     ASSERT_EQ(target->GetListCount(), 3u);
     EXPECT_EQ(target->GetListValue(0), 3);
-    EXPECT_EQ(target->GetListValue(1), 0);
     EXPECT_EQ(target->GetListValue(2), 9);
     EXPECT_STREQ(target->GetTextProperty(), "relief");
     Ptr<Core::IObject> object;
@@ -200,46 +166,32 @@ TEST(ReprojectImage, OutsideTheSourceKeepsTheFillNaNForOneFloatSample) {
         SCOPED_TRACE(row.samples * 100 + row.bits);
         Ptr<ITiffImage> source = NewTiff(60, 40, row.kind, row.samples, row.bits, turned.Raw(), 3857);
         const int32_t bytes = row.samples * row.bits / 8;
-        for (int32_t y = 0; y < 40; ++y)
-            for (int32_t x = 0; x < 60; ++x) {
-                const float value = float(1 + x * 100 + y);
-                const auto word = uint16_t(1 + x * 100 + y);
-                auto* pixel = static_cast<uint8_t*>(source->GetPixelPointer(x, y));
-                if (row.kind == SampleKindFloat)
-                    for (int32_t s = 0; s < row.samples; ++s) std::memcpy(pixel + 4 * s, &value, 4);
-                else
-                    std::memcpy(pixel, &word, 2);
-            }
+        for (int32_t i = 0; i < 60 * 40; ++i) {
+            const float value = float(1 + i);
+            const auto word = uint16_t(1 + i);
+            auto* pixel = static_cast<uint8_t*>(source->GetPixelPointer(i % 60, i / 60));
+            if (row.kind == SampleKindFloat)
+                for (int32_t s = 0; s < row.samples; ++s) std::memcpy(pixel + 4 * s, &value, 4);
+            else
+                std::memcpy(pixel, &word, 2);
+        }
         Ptr<IImage> target = RasterUtils::ReprojectImage(source.Raw(), Holder(3857, 4326));
         std::vector<uint8_t> fill(size_t(bytes), 0);
         if (row.nan) std::memcpy(fill.data(), &kNaN, 4);
         const Counts counts = ExpectLanded(source.Raw(), target.Raw(), fill);
         EXPECT_GT(counts.inside, 1000);
         EXPECT_GT(counts.outside, 100);
-        if (row.nan) {
-            EXPECT_TRUE(std::isnan(PixelAs<float>(target.Raw(), 0, 0)));
-        }
         EXPECT_EQ(target.As<ITiffImage>()->GetSampleKind(), row.kind);
     }
 }
 
 TEST(ReprojectImage, NonTiffSourceOrEmptyHolderFailsWithTheTexts) {
-    auto plain = Core::MakeObject<PlainImage>(8, 8);
-    try {
-        RasterUtils::ReprojectImage(plain.Raw(), Holder(3857, 4326));
-        FAIL() << "no exception";
-    } catch (const std::runtime_error& e) {
-        EXPECT_EQ(std::string(e.what()),
-                  "Null pointer exception! Interface is not accessible: " + Core::TypeName<ITransform>());
-    }
+    const Ptr<IImage> plain = PlainImage(8, 8);
+    EXPECT_EQ(MessageOf([&] { RasterUtils::ReprojectImage(plain.Raw(), Holder(3857, 4326)); }),
+              "Null pointer exception! Interface is not accessible: " + Core::TypeName<ITransform>());
     Ptr<ITiffImage> source = PositionImage(8, 8, Transform(1.0, -1.0, 0.0, 0.0).Raw(), 3857);
-    try {
-        RasterUtils::ReprojectImage(source.Raw(), CrsTransformationHolder());
-        FAIL() << "no exception";
-    } catch (const std::runtime_error& e) {
-        EXPECT_EQ(std::string(e.what()),
-                  "Interface is not accessible: " + Core::TypeName<Tellar::Interfaces::ICrsTransformation>());
-    }
+    EXPECT_EQ(MessageOf([&] { RasterUtils::ReprojectImage(source.Raw(), CrsTransformationHolder()); }),
+              "Interface is not accessible: " + Core::TypeName<Tellar::Interfaces::ICrsTransformation>());
 }
 
 // More threads than rows: each thread still gets a row, and the call ends.
