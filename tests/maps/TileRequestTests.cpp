@@ -91,11 +91,7 @@ TEST(TileRequests, TruncatedTileIsNotCached) {
     });
     TestSupport::TempDir cache;
     auto service = Service(truncated.Base() + "/{z}/{x}/{y}.png", 4326, cache.Path().c_str());
-    auto request = Tile(*service, 2, 1, 1);
-    Core::Ptr<ITileResponse> response;
-    Core::Ptr<Core::IErrorCode> error;
-    EXPECT_FALSE(request->GetResponse(response.ReceiveAddress(), error.ReceiveAddress()));
-    EXPECT_EQ(TextOf(error), "Unknown exception");
+    EXPECT_EQ(ResponseFailure(*Tile(*service, 2, 1, 1)), "Unknown exception");
     EXPECT_EQ(FilesUnder(cache.Path()), 0u);
 }
 
