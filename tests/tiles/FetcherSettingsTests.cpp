@@ -62,7 +62,7 @@ TEST(TmsFetcher, SplitsServiceUrls) {
 TEST(TmsFetcher, TemplateMarksAndVectorFormat) {
     EXPECT_EQ(Tms(PngTemplate)->BuildTilePath(3, 5, 7), "/3/5/7.png");
     EXPECT_EQ(Tms("http://h/{x}/{x}-{y}/{Z}")->BuildTilePath(1, 12, 34), "/12/12-34/{Z}");
-    // A value that contains a mark is not replaced again.
+    // Marks side by side.
     EXPECT_EQ(Tms("http://h/{x}{y}")->BuildTilePath(0, 1, 2), "/12");
 
     const struct {
