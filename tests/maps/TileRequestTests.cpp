@@ -1,29 +1,31 @@
 #include <filesystem>
+#include <stdexcept>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
 #include "MapServiceSupport.h"
+#include "MapServices/Wmts/WmtsCapabilities.h"
+#include "MessageOf.h"
+#include "Tellar/Spatial/Maps/MapServiceImpl.h"
 #include "TempDir.h"
 #include "TestServer.h"
 #include "TileServer.h"
+#include "Tms/TmsFetcherImpl.h"
 
 namespace {
 
 using namespace MapTests;
+using MapServices::BoundingBoxValue;
+using MapServices::TileRange;
+using Tellar::Spatial::Maps::impl::MapServiceImpl;
+using TestSupport::MessageOf;
 
 size_t FilesUnder(const std::filesystem::path& root) {
     size_t count = 0;
     for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) count += entry.is_regular_file();
     return count;
-}
-
-std::vector<double> BoundsOf(ITileRequest& request) {
-    Core::Ptr<Tellar::Interfaces::IBoundingBox2d> box;
-    EXPECT_TRUE(request.GetBounds(box.ReceiveAddress(), nullptr));
-    std::vector<double> values(4);
-    box->GetValues(&values[0], &values[1], &values[2], &values[3]);
-    return values;
 }
 
 TEST(TileRequests, CachedServiceMissesThenHitsWithoutNetwork) {
@@ -35,14 +37,11 @@ TEST(TileRequests, CachedServiceMissesThenHitsWithoutNetwork) {
     auto fetched = Response(*first);
     ASSERT_TRUE(fetched.Raw());
     EXPECT_TRUE(first->IsFinished());
-    EXPECT_FALSE(first->IsRunning());
     ASSERT_NE(fetched->GetHttpResponse(), nullptr);
-    EXPECT_EQ(server.Requests(), 1);
     EXPECT_EQ(FilesUnder(cache.Path()), 1u);
 
     auto second = Tile(*service, 4, 5, 6);
     EXPECT_TRUE(second->IsFinished());
-    EXPECT_FALSE(second->IsRunning());
     auto hit = Response(*second);
     ASSERT_TRUE(hit.Raw());
     EXPECT_EQ(hit->GetHttpResponse(), nullptr);
@@ -59,10 +58,8 @@ TEST(TileRequests, CachedServiceMissesThenHitsWithoutNetwork) {
         transform->GetParams(&scaleX, nullptr, &originX, &originY, nullptr, nullptr);
         EXPECT_DOUBLE_EQ(originX, 5.0 / 16 * 360 - 180);
         EXPECT_DOUBLE_EQ(scaleX, 360.0 / 16 / 256);
-        EXPECT_EQ(response->GetEpsgCode(), 3857);
-        EXPECT_EQ(response->GetZoom(), 4);
-        EXPECT_EQ(response->GetX(), 5);
-        EXPECT_EQ(response->GetY(), 6);
+        EXPECT_EQ(std::make_tuple(response->GetEpsgCode(), response->GetZoom(), response->GetX(), response->GetY()),
+                  std::make_tuple(3857, 4, 5, 6));
     }
 
     // A cancelled cache hit does nothing but refuse its response.
@@ -78,8 +75,7 @@ TEST(TileRequests, FailedStatusIsNotCached) {
     TestSupport::TempDir cache;
     auto service = Service(server.Template("404"), 4326, cache.Path().c_str());
     for (int round = 1; round <= 2; ++round) {
-        auto request = Tile(*service, 2, 1, 1);
-        auto response = Response(*request);
+        auto response = Response(*Tile(*service, 2, 1, 1));
         ASSERT_TRUE(response.Raw());
         EXPECT_EQ(response->GetHttpResponse()->GetStatusCode(), 404);
         EXPECT_EQ(server.Requests(), round);
@@ -95,11 +91,7 @@ TEST(TileRequests, TruncatedTileIsNotCached) {
     });
     TestSupport::TempDir cache;
     auto service = Service(truncated.Base() + "/{z}/{x}/{y}.png", 4326, cache.Path().c_str());
-    auto request = Tile(*service, 2, 1, 1);
-    Core::Ptr<ITileResponse> response;
-    Core::Ptr<Core::IErrorCode> error;
-    EXPECT_FALSE(request->GetResponse(response.ReceiveAddress(), error.ReceiveAddress()));
-    EXPECT_EQ(TextOf(error), "Unknown exception");
+    EXPECT_EQ(ResponseFailure(*Tile(*service, 2, 1, 1)), "Unknown exception");
     EXPECT_EQ(FilesUnder(cache.Path()), 0u);
 }
 
@@ -109,18 +101,6 @@ TEST(TileRequests, CancelledDownloadRefusesItsResponse) {
     auto request = Tile(*service, 2, 1, 1);
     request->Cancel();
     EXPECT_EQ(ResponseFailure(*request), "Request was already cancelled");
-}
-
-TEST(TileRequests, BoundsAreDegreesForBothCodes) {
-    for (const uint32_t code : {4326u, 3857u}) {
-        auto service = Service("http://127.0.0.1:9/t/{z}/{x}/{y}.png", code);
-        auto request = Tile(*service, 1, 1, 0);
-        const std::vector<double> bounds = BoundsOf(*request);
-        EXPECT_DOUBLE_EQ(bounds[0], 0.0);
-        EXPECT_NEAR(bounds[1], 0.0, 1e-9);
-        EXPECT_DOUBLE_EQ(bounds[2], 180.0);
-        EXPECT_NEAR(bounds[3], 85.0511287798, 1e-9);
-    }
 }
 
 std::vector<std::pair<int64_t, int64_t>> Addresses(Data::Interfaces::IObjectList& list) {
@@ -179,6 +159,52 @@ TEST(TileRequests, BoxesAreReadInTheCallersCrs) {
     Core::Ptr<Core::IErrorCode> error;
     EXPECT_FALSE(geographic->GetTilesForBox(5, nullptr, list.ReceiveAddress(), error.ReceiveAddress()));
     EXPECT_EQ(TextOf(error), "Pointer of struct Tellar::Interfaces::IBoundingBox2d must not be null!");
+}
+
+MapServices::Wmts::WmtsTileMatrix WebMercatorLevel(int level) {
+    MapServices::Wmts::WmtsTileMatrix matrix;
+    matrix.scaleDenominator = 559082264.0287178 / (1 << level);
+    matrix.topLeftX = -20037508.3427892;
+    matrix.topLeftY = 20037508.3427892;
+    return matrix;
+}
+
+TEST(TileMatrix, RangeCoversTheBoxFromTheTopLeftCorner) {
+    const struct {
+        int level;
+        BoundingBoxValue box;
+        TileRange expected;
+    } cases[] = {
+        {0, {-20037508.34, -20037508.34, 20037508.34, 20037508.34}, {0, 0, 0, 0}},
+        {1, {5, 5, 10, 10}, {1, 0, 1, 0}},
+        {1, {-10, -10, 10, 10}, {0, 0, 1, 1}},
+        // Outside the matrix: no clamping.
+        {2, {30000000, 5, 40000000, 10}, {4, 1, 5, 1}},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(MapServiceImpl::TileMatrixRange(WebMercatorLevel(c.level), c.box), c.expected) << c.level;
+}
+
+// Without a WMTS fetcher only the two codes of tile servers have tile arithmetic.
+TEST(TileMatrix, OtherCodesNeedAWmtsFetcher) {
+    Core::Ptr<MapServices::Interfaces::ITileFetcher> fetcher =
+        Core::MakeObject<MapServices::Tms::impl::TmsFetcherImpl>("http://127.0.0.1:9/{z}/{x}/{y}.png", 0);
+    auto service = Core::MakeObject<MapServiceImpl>(fetcher, Crs(2056));
+    EXPECT_EQ(MessageOf([&] {
+                  service->BoxToTileRange(3, BoundingBoxValue{2600000, 1200000, 2601000, 1201000});
+              }),
+              "Unsupported projection");
+    EXPECT_EQ(MessageOf([&] { service->TileRangeToBox(3, TileRange{0, 0, 1, 1}); }), "Unsupported projection");
+    Core::Ptr<Tellar::Interfaces::ITileRequest> request;
+    Core::Ptr<Core::IErrorCode> error;
+    EXPECT_FALSE(service->GetTile(3, 1, 1, request.ReceiveAddress(), error.ReceiveAddress()));
+    EXPECT_EQ(TextOf(error), "Unsupported projection");
+    EXPECT_FALSE(fetcher->IsCacheEnabled());
+}
+
+TEST(TileMatrix, AServiceNeedsAFetcher) {
+    EXPECT_EQ(MessageOf([] { Core::MakeObject<MapServiceImpl>(nullptr, Crs(4326)); }),
+              "Interface is not accessible: struct MapServices::Interfaces::ITileFetcher");
 }
 
 } // namespace

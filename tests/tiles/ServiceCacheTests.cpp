@@ -11,6 +11,7 @@
 
 using MapServices::impl::ServiceDataRequestHandler;
 using MapServices::impl::ServiceImageRequestHandler;
+using Platform::Network::Http::HttpResponse;
 
 namespace {
 
@@ -39,17 +40,20 @@ public:
     bool IsRequestInBounds(const Core::Ptr<MapServices::Interfaces::IServiceRequest>&) override { return false; }
 };
 
+// A whole exchange with the tile server, through a tile fetcher's client.
+HttpResponse Fetched(const TestSupport::TileServer& server, const std::string& kind) {
+    auto source = Core::MakeObject<MapServices::Tms::impl::TmsFetcherImpl>(server.Template(kind), 0);
+    return HttpResponse(source->CreateTileHttpRequest(1, 0, 1)->GetResponse(true));
+}
+
 } // namespace
 
 TEST(ServiceCache, RequestFilesSitInTheIdentityDirectory) {
     TestSupport::TempDir dir;
     auto fetcher = Core::MakeObject<ServiceFetcher>(dir.Path().string());
-    EXPECT_EQ(fetcher->GetResponseFormat(), "image/png");
-    EXPECT_EQ(fetcher->GetCoordinateSystem(), "CRS:84");
     const std::string identity = dir.Path().string() + "/WmsCache/" + std::to_string(0x12345678u);
     EXPECT_EQ(fetcher->GetDirPath(), identity);
     EXPECT_TRUE(std::filesystem::is_directory(identity));
-
     ServiceDataRequestHandler handler{Core::MakeObject<BoxRequest>(1311768467463790320ULL), {}};
     EXPECT_EQ(fetcher->GetServiceFilePath(handler), identity + "/1311768467463790320.png");
 }
@@ -59,26 +63,17 @@ TEST(ServiceCache, SavesCompleteBodiesOnly) {
     TestSupport::TempDir dir;
     auto fetcher = Core::MakeObject<ServiceFetcher>(dir.Path().string());
     ServiceImageRequestHandler handler{Core::MakeObject<BoxRequest>(7), {}};
-
-    // A real response to save, fetched through a tile fetcher's client.
-    auto source = Core::MakeObject<MapServices::Tms::impl::TmsFetcherImpl>(server.Template("octet"), 0);
-    auto request = source->CreateTileHttpRequest(1, 0, 1);
-    Platform::Network::Http::HttpResponse response(request->GetResponse(true));
+    const HttpResponse response = Fetched(server, "octet");
     ASSERT_TRUE(response);
 
     fetcher->SaveServiceResponse(response, handler, std::string());
     std::ifstream in(fetcher->GetServiceFilePath(handler), std::ios::binary);
     EXPECT_EQ(std::string((std::istreambuf_iterator<char>(in)), {}), "/octet/1/0/1.png");
+    fetcher->SaveServiceResponse(response, handler, dir.File("given.bin"));
+    EXPECT_TRUE(std::filesystem::exists(dir.File("given.bin")));
 
-    const std::string elsewhere = dir.File("given.bin");
-    fetcher->SaveServiceResponse(response, handler, elsewhere);
-    EXPECT_TRUE(std::filesystem::exists(elsewhere));
-    fetcher->SaveServiceResponse(Platform::Network::Http::HttpResponse(), handler, dir.File("none.bin"));
+    fetcher->SaveServiceResponse(HttpResponse(), handler, dir.File("none.bin"));
     EXPECT_FALSE(std::filesystem::exists(dir.File("none.bin"))) << "no response, no file";
-
-    auto empty = Core::MakeObject<MapServices::Tms::impl::TmsFetcherImpl>(server.Template("empty"), 0);
-    auto emptyRequest = empty->CreateTileHttpRequest(1, 0, 1);
-    fetcher->SaveServiceResponse(Platform::Network::Http::HttpResponse(emptyRequest->GetResponse(true)), handler,
-                                 dir.File("empty.bin"));
+    fetcher->SaveServiceResponse(Fetched(server, "empty"), handler, dir.File("empty.bin"));
     EXPECT_FALSE(std::filesystem::exists(dir.File("empty.bin"))) << "an empty body makes no file";
 }

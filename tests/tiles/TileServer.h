@@ -1,8 +1,7 @@
 #pragma once
 // A loopback tile server for the fetch tests. Paths name the behaviour:
 //   /t/{z}/{x}/{y}.png   a PNG tile (image/png)          /404/..., /500/...  that status
-//   /octet/...            bytes as application/octet-stream
-//   /mvt/...              bytes as application/vnd.mapbox-vector-tile
+//   /octet/..., /mvt/...  the path as application/octet-stream or application/vnd.mapbox-vector-tile
 //   /xml/...              text/xml                        /empty/...  an empty image/png body
 //   /slow/...             a PNG tile after 300 ms          /bad/...    bytes that are no image
 //   /xyz/...              a 256-pixel tile of one colour: red x, green y, blue z (each mod 256)
@@ -13,11 +12,8 @@
 
 #include <atomic>
 #include <chrono>
-#include <mutex>
-#include <set>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "ImageWriters.h"
 
@@ -26,73 +22,38 @@ namespace TestSupport {
 // A square RGB tile of one colour.
 inline std::string SolidPngTile(int size, uint8_t red, uint8_t green, uint8_t blue) {
     TestImages::PngLayout layout;
-    layout.width = size;
-    layout.height = size;
+    layout.width = layout.height = size;
     layout.colorType = 2; // RGB
-    layout.rows.reserve(static_cast<size_t>(size) * size * 3);
-    for (int i = 0; i < size * size; ++i) {
-        layout.rows.push_back(red);
-        layout.rows.push_back(green);
-        layout.rows.push_back(blue);
-    }
-    const TestImages::Bytes bytes = TestImages::EncodePng(layout);
-    return std::string(bytes.begin(), bytes.end());
-}
-
-inline std::string SmallPngTile() {
-    TestImages::PngLayout layout;
-    layout.width = 256;
-    layout.height = 256;
-    layout.colorType = 2; // RGB
-    for (int row = 0; row < 256; ++row)
-        for (int column = 0; column < 256; ++column) {
-            layout.rows.push_back(static_cast<uint8_t>(row));
-            layout.rows.push_back(static_cast<uint8_t>(column));
-            layout.rows.push_back(100);
-        }
+    for (int i = 0; i < size * size; ++i) layout.rows.insert(layout.rows.end(), {red, green, blue});
     const TestImages::Bytes bytes = TestImages::EncodePng(layout);
     return std::string(bytes.begin(), bytes.end());
 }
 
 class TileServer {
 public:
-    TileServer() : png_(SmallPngTile()) {
+    TileServer() : png_(SolidPngTile(256, 40, 80, 120)) {
         server_.new_task_queue = [] { return new httplib::ThreadPool(128); };
         server_.set_keep_alive_timeout(1);
         server_.Get(R"(/(\w+)/(\d+)/(\d+)/(\d+)\.png)", [this](const httplib::Request& req, httplib::Response& res) {
             const std::string kind = req.matches[1];
-            {
-                std::lock_guard lock(mutex_);
-                paths_.push_back(req.path);
-            }
+            const int z = std::stoi(req.matches[2]), x = std::stoi(req.matches[3]), y = std::stoi(req.matches[4]);
             ++requests_;
             if (kind == "slow") std::this_thread::sleep_for(std::chrono::milliseconds(300));
-            if (kind == "404" || kind == "500") {
-                res.status = std::stoi(kind);
+            if (kind == "404" || kind == "500" || (kind == "hole" && x == y)) {
+                res.status = kind == "500" ? 500 : 404;
                 res.set_content("no tile", "text/html");
-            } else if (kind == "octet") {
-                res.set_content(req.path, "application/octet-stream");
-            } else if (kind == "mvt") {
-                res.set_content(req.path, "application/vnd.mapbox-vector-tile");
+            } else if (kind == "octet" || kind == "mvt") {
+                res.set_content(req.path,
+                                kind == "octet" ? "application/octet-stream" : "application/vnd.mapbox-vector-tile");
             } else if (kind == "xml") {
                 res.set_content("<error/>", "text/xml");
-            } else if (kind == "empty") {
-                res.set_content("", "image/png");
-            } else if (kind == "bad") {
-                res.set_content("not an image at all", "image/png");
-            } else if (kind == "xyz" || kind == "x512" || kind == "x200" || kind == "hole" || kind == "grow") {
-                const int z = std::stoi(req.matches[2]), x = std::stoi(req.matches[3]), y = std::stoi(req.matches[4]);
-                if (kind == "hole" && x == y) {
-                    res.status = 404;
-                    res.set_content("no tile", "text/html");
-                    return;
-                }
-                const int size = kind == "x512" || (kind == "grow" && x % 2 == 1) ? 512 : kind == "x200" ? 200 : 256;
-                res.set_content(
-                    SolidPngTile(size, static_cast<uint8_t>(x), static_cast<uint8_t>(y), static_cast<uint8_t>(z)),
-                    "image/png");
-            } else {
+            } else if (kind == "empty" || kind == "bad") {
+                res.set_content(kind == "bad" ? "not an image at all" : "", "image/png");
+            } else if (kind == "t" || kind == "slow") {
                 res.set_content(png_, "image/png");
+            } else {
+                const int size = kind == "x512" || (kind == "grow" && x % 2 == 1) ? 512 : kind == "x200" ? 200 : 256;
+                res.set_content(SolidPngTile(size, uint8_t(x), uint8_t(y), uint8_t(z)), "image/png");
             }
         });
         // The library listens with a backlog of 5; a thousand requests at once would stall in
@@ -118,10 +79,6 @@ public:
         return "http://127.0.0.1:" + std::to_string(port_) + "/" + kind + "/{z}/{x}/{y}.png";
     }
     int Requests() const { return requests_.load(); }
-    std::vector<std::string> Paths() {
-        std::lock_guard lock(mutex_);
-        return paths_;
-    }
     const std::string& Png() const { return png_; }
 
 private:
@@ -130,8 +87,6 @@ private:
     int port_ = 0;
     std::string png_;
     std::atomic<int> requests_{0};
-    std::mutex mutex_;
-    std::vector<std::string> paths_;
 };
 
 } // namespace TestSupport
