@@ -34,7 +34,8 @@ public:
     }
     uint64_t GetCacheHash() override { return 0xABCDEF0012345678ULL; }
     Platform::Network::Http::HttpRequest CreateTileHttpRequest(int32_t, int32_t, int32_t) override { return {}; }
-    Platform::Network::Http::HttpRequest CreateServiceHttpRequest(const ServiceImageRequestHandler&) override {
+    Platform::Network::Http::HttpRequest CreateServiceHttpRequest(
+        const Core::Ptr<MapServices::Interfaces::IServiceRequest>&) override {
         return {};
     }
     bool IsRequestInBounds(const Core::Ptr<MapServices::Interfaces::IServiceRequest>&) override { return false; }

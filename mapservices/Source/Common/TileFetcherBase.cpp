@@ -82,6 +82,8 @@ bool PathExists(const std::string& path) {
 
 } // namespace
 
+bool CachePathExists(const std::string& path) { return PathExists(path); }
+
 std::string MakeCacheDirectory(const std::string& path, const char* function) {
     if (PathExists(path)) return path;
     std::error_code error;

@@ -140,4 +140,8 @@ private:
 // the log line of a failure.
 std::string MakeCacheDirectory(const std::string& path, const char* function);
 
+// True when something of any type exists at `path`; a status error other than "not found"
+// throws the "exists" file-system error.
+bool CachePathExists(const std::string& path);
+
 } // namespace MapServices::impl

@@ -2,20 +2,12 @@
 
 #include <stdexcept>
 
+#include "Common/TextReplace.h"
 #include "Core/Fnv1a.h"
 #include "Platform/Network/Http/Headers.h"
 #include "Platform/Network/Http/HttpClient.h"
 
 namespace MapServices::Tms::impl {
-
-namespace {
-
-void ReplaceAll(std::string& text, const std::string& mark, const std::string& value) {
-    for (size_t at = text.find(mark); at != std::string::npos; at = text.find(mark, at + value.size()))
-        text.replace(at, mark.size(), value);
-}
-
-} // namespace
 
 TmsFetcherImpl::TmsFetcherImpl(const std::string& url, int32_t tileFormat) {
     tileFormat_ = url.find("pbf") != std::string::npos ? 1 : tileFormat;

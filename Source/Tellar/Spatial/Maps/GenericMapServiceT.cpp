@@ -7,6 +7,8 @@
 #include "Core/TypeName.h"
 #include "Data/Values.h"
 #include "MapServices/Common/TileMath.h"
+#include "Core/Checked.h"
+#include "MapServices/Wmts/TileMatrixGeometry.h"
 #include "MapServices/Wmts/WmtsCapabilities.h"
 #include "Private/Spatial/Raster/ImageBase.h"
 #include "Private/Spatial/Raster/RasterUtils.h"
@@ -14,6 +16,7 @@
 #include "Tellar/Interfaces/ITileRequest.h"
 #include "Tellar/Spatial/Maps/Mosaic.h"
 #include "Tellar/Spatial/Maps/TileRequestImpl.h"
+#include "Wmts/WmtsFetcherImpl.h"
 
 namespace Tellar::Spatial::Maps::impl {
 
@@ -63,22 +66,17 @@ GenericMapServiceT<I>::GenericMapServiceT(Core::Ptr<Fetcher> fetcher, Core::Ptr<
 template <class I>
 MapServices::TileRange GenericMapServiceT<I>::TileMatrixRange(const MapServices::Wmts::WmtsTileMatrix& matrix,
                                                               const BoundingBoxValue& box) {
-    const double size = matrix.scaleDenominator * 0.00028;
-    const double spanX = static_cast<double>(matrix.tileWidth) * size;
-    const double spanY = -(static_cast<double>(matrix.tileHeight) * size);
-    const auto whole = [](double value) { return static_cast<int64_t>(value); };
-    TileRange range;
-    range.Extend(whole(std::floor((box.minX - matrix.topLeftX) / spanX)),
-                 whole(std::floor((box.maxY - matrix.topLeftY) / spanY)));
-    range.Extend(whole(std::ceil((box.maxX - matrix.topLeftX) / spanX)) - 1,
-                 whole(std::ceil((box.minY - matrix.topLeftY) / spanY)) - 1);
-    return range;
+    return MapServices::Wmts::TileMatrixRange(matrix, box);
 }
 
 template <class I>
-const MapServices::Wmts::WmtsTileMatrix& GenericMapServiceT<I>::WmtsMatrix(int32_t) {
-    // Only a WMTS fetcher knows tile matrices; this service has none.
-    throw std::runtime_error("Unsupported projection");
+MapServices::Wmts::WmtsTileMatrix GenericMapServiceT<I>::WmtsMatrix(int32_t zoom) {
+    // Only a WMTS fetcher knows tile matrices: the one at index `zoom` of its current set.
+    auto* wmts = dynamic_cast<MapServices::Wmts::impl::WmtsFetcherImpl*>(fetcher_.Raw());
+    if (!wmts) throw std::runtime_error("Unsupported projection");
+    const std::vector<MapServices::Wmts::WmtsTileMatrix> matrices =
+        wmts->GetLayer()->GetCurrentTileMatrixSet()->GetTileMatrices();
+    return Core::At(matrices, static_cast<size_t>(zoom));
 }
 
 template <class I>
@@ -120,7 +118,7 @@ BoundingBoxValue GenericMapServiceT<I>::TileRangeToBox(int32_t zoom, const TileR
                    MapServices::TileLatitude(static_cast<double>(range.maxY), n));
         return box;
     }
-    const MapServices::Wmts::WmtsTileMatrix& matrix = WmtsMatrix(zoom);
+    const MapServices::Wmts::WmtsTileMatrix matrix = WmtsMatrix(zoom);
     const double size = matrix.scaleDenominator * 0.00028;
     const auto corner = [&](int64_t column, int64_t row) {
         box.Extend(static_cast<double>(column) * static_cast<double>(matrix.tileWidth) * size + matrix.topLeftX,

@@ -69,7 +69,7 @@ private:
                     Core::IErrorCode** ppError, bool bestEffort);
     TellarImaging::ITiffImage* MakeMosaic(int32_t zoom, const MapServices::BoundingBoxValue& box, bool bestEffort);
     void RenewTransformation();
-    const MapServices::Wmts::WmtsTileMatrix& WmtsMatrix(int32_t zoom);
+    MapServices::Wmts::WmtsTileMatrix WmtsMatrix(int32_t zoom);
 
     Core::CheckedPtr<Fetcher> fetcher_;
     Core::Ptr<Tellar::Interfaces::ICrs> serviceCrs_;
