@@ -2,11 +2,13 @@
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
 
 #include "OgcTestSupport.h"
+#include "RecordingLogger.h"
 #include "Platform/Threading/AlertableEvent.h"
 #include "Platform/Threading/ThreadHelpers.h"
 #include "TellarImaging/IImage.h"
@@ -131,6 +133,7 @@ TEST_F(OgcFetch, WmsFailuresReachTheCallbackAsNull) {
         EXPECT_TRUE(std::filesystem::is_empty(fetcher->GetDirPath())) << kind;
     }
     // A request the fetcher can't build fails on the caller's thread, before GetMapAsync returns.
+    TestSupport::ScopedRecordingLogger logger;
     auto fetcher = Wms("png");
     const auto wrong = GetMap(*fetcher, Core::MakeObject<MapServices::Wcs::impl::WcsRequestImpl>(
                                             "1.0.0", "dem", "EPSG:4326", BoundingBoxValue{0, 0, 1, 1}, 1u, 1u,
@@ -138,6 +141,23 @@ TEST_F(OgcFetch, WmsFailuresReachTheCallbackAsNull) {
     EXPECT_EQ(wrong->calls, 1);
     EXPECT_TRUE(wrong->null);
     EXPECT_EQ(wrong->thread, std::this_thread::get_id());
+    const std::string line = logger->Lines().at(0).text;
+    EXPECT_EQ(line.rfind("ERROR: Exception: Cannot cast to desired interface: ", 0), 0u) << line;
+    EXPECT_NE(line.find("MapServices::impl::ServiceTileFetcherBase::GetMapAsync"), std::string::npos) << line;
+}
+
+TEST_F(OgcFetch, CachedFileThatIsNoImageIsLoggedAndNeverCalledBack) {
+    TestSupport::ScopedRecordingLogger logger;
+    auto fetcher = Wms("png");
+    const auto request = MapOf(*fetcher);
+    std::ofstream(fetcher->GetServiceFilePath(ServiceImageRequestHandler{request, {}})) << "<html>not a map</html>";
+    const auto outcome = GetMap(*fetcher, request);
+    EXPECT_FALSE(PumpUntil([&] { return outcome->calls > 0; }, std::chrono::milliseconds(300)));
+    EXPECT_TRUE(server.Requests().empty());
+    ASSERT_FALSE(logger->Lines().empty());
+    const std::string line = logger->Lines().at(0).text;
+    EXPECT_EQ(line.rfind("ERROR: Exception: Invalid file!", 0), 0u) << line;
+    EXPECT_NE(line.find("GetMapAsync::<lambda_1>::operator ()"), std::string::npos) << line;
 }
 
 TEST_F(OgcFetch, WmsTileAsksForTheTileBoxInDegrees) {
