@@ -4,6 +4,7 @@
 
 #include "Core/Fnv1a.h"
 #include "OgcTestSupport.h"
+#include "Wcs/WcsFetcher.h"
 #include "Wcs/WcsRequestImpl.h"
 #include "Wmts/WmtsFetcherImpl.h"
 #include "Wms/WmsFetcher.h"
@@ -203,4 +204,28 @@ TEST(WmtsFetcher, GeometryFromTheCurrentSet) {
                   MakeWmtsLayer("http://127.0.0.1:9/{TileMatrix}", "image/png", {"only"}))
                   ->GetMaxZoom(),
               0);
+}
+
+// A request lies in bounds when no edge sticks out; edges on the layer's own count as inside.
+TEST(ServiceFetchers, RequestInBoundsOfTheLayer) {
+    const auto request = [](const BoundingBoxValue& box) {
+        return Core::Ptr<MapServices::Interfaces::IServiceRequest>(
+            Core::MakeObject<WmsRequestImpl>("http://h/w", std::vector<WmsLayer>{}, "", "CRS:84", box, 1u, 1u,
+                                             std::nullopt, std::nullopt));
+    };
+    const WmsLayer layer = MakeWmsLayer("http://127.0.0.1:9/w", "a");
+    auto wms = Core::MakeObject<MapServices::Wms::impl::WmsFetcher>(layer);
+    EXPECT_FALSE(wms->IsRequestInBounds(request({0, 0, 1, 1}))) << "a layer without boxes holds nothing";
+    layer->boundingBoxes.push_back({"EPSG:4326", {-10, -20, 10, 20}});
+    layer->boundingBoxes.push_back({"EPSG:3857", {-1e7, -1e7, 1e7, 1e7}});
+    auto wcs = Core::MakeObject<MapServices::Wcs::impl::WcsFetcher>(MakeWcsLayer("http://127.0.0.1:9/c", "dem", 0));
+    const struct {
+        BoundingBoxValue box;
+        bool inside;
+    } cases[] = {{{-10, -20, 10, 20}, true}, {{0, 0, 1, 1}, true}, {{-10.5, 0, 1, 1}, false},
+                 {{0, -21, 1, 1}, false},    {{0, 0, 11, 1}, false}, {{0, 0, 1, 20.5}, false}};
+    for (const auto& c : cases) {
+        EXPECT_EQ(wms->IsRequestInBounds(request(c.box)), c.inside) << c.box.minX << "," << c.box.maxY;
+        EXPECT_EQ(wcs->IsRequestInBounds(request(c.box)), c.inside) << c.box.minX << "," << c.box.maxY;
+    }
 }
