@@ -27,9 +27,11 @@ std::set<std::string> ExportedFunctions() {
 }
 
 TEST(MapServiceFactory, LibraryExportsOnlyItsEntryPoints) {
-    const std::set<std::string> expected = {"T TellarSpatialMaps_CreateCachedMapServiceFromTmsUrl",
-                                            "T TellarSpatialMaps_CreateMapServiceFromTmsUrl",
-                                            "T TellarSpatialMaps_SetLogger"};
+    std::set<std::string> expected = {"T TellarSpatialMaps_SetLogger"};
+    for (const char* kind : {"Tms", "Wms", "Wcs", "Wmts"}) {
+        expected.insert(std::string("T TellarSpatialMaps_CreateMapServiceFrom") + kind + "Url");
+        expected.insert(std::string("T TellarSpatialMaps_CreateCachedMapServiceFrom") + kind + "Url");
+    }
     EXPECT_EQ(ExportedFunctions(), expected);
 }
 

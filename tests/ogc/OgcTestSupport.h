@@ -3,8 +3,10 @@
 // records what it receives. Paths name the answer by their first segment:
 //   /png/...      a 256-pixel PNG (image/png)        /charset/...  the same PNG as "image/png; charset=UTF-8"
 //   /500/...      status 500                         /bytes/...    "coverage bytes" as image/tiff
+// and any path given to Serve, answered with its document.
 #include <httplib.h>
 
+#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -92,6 +94,12 @@ public:
                 received_.push_back({req.method, req.target, req.get_header_value("Content-Type"), req.body});
             }
             const std::string kind = req.path.substr(1, req.path.find('/', 1) - 1);
+            std::unique_lock lock(mutex_);
+            if (const auto document = documents_.find(req.path); document != documents_.end()) {
+                res.set_content(document->second.first, document->second.second);
+                return;
+            }
+            lock.unlock();
             if (kind == "500") {
                 res.status = 500;
                 res.set_content("<ServiceExceptionReport/>", "text/xml");
@@ -114,6 +122,11 @@ public:
         thread_.join();
     }
 
+    // Answers `path` (whatever the query) with `body` of type `type` from now on.
+    void Serve(const std::string& path, const std::string& body, const std::string& type = "text/xml") {
+        std::lock_guard lock(mutex_);
+        documents_[path] = {body, type};
+    }
     std::string Url(const std::string& path) const { return "http://127.0.0.1:" + std::to_string(port_) + path; }
     std::vector<Received> Requests() const {
         std::lock_guard lock(mutex_);
@@ -127,6 +140,7 @@ private:
     std::string png_;
     mutable std::mutex mutex_;
     std::vector<Received> received_;
+    std::map<std::string, std::pair<std::string, std::string>> documents_;
 };
 
 } // namespace OgcTests

@@ -13,6 +13,7 @@
 #include "Private/Spatial/Raster/ImageBase.h"
 #include "Private/Spatial/Raster/RasterUtils.h"
 #include "Tellar/Interfaces/IBoundingBox2d.h"
+#include "Tellar/Interfaces/IOgcMapService.h"
 #include "Tellar/Interfaces/ITileRequest.h"
 #include "Tellar/Spatial/Maps/Mosaic.h"
 #include "Tellar/Spatial/Maps/TileRequestImpl.h"
@@ -313,5 +314,6 @@ bool GenericMapServiceT<I>::GetImageBestEffort(int32_t zoom, Tellar::Interfaces:
 }
 
 template class GenericMapServiceT<Tellar::Interfaces::IMapService>;
+template class GenericMapServiceT<Tellar::Interfaces::IOgcMapService>;
 
 } // namespace Tellar::Spatial::Maps::impl

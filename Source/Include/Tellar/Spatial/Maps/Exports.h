@@ -26,3 +26,43 @@ TELLAR_API bool TellarSpatialMaps_CreateCachedMapServiceFromTmsUrl(Tellar::Inter
                                                                    uint32_t epsgCode,
                                                                    Tellar::Interfaces::IMapService** ppService,
                                                                    Core::IErrorCode** ppError);
+
+// A WMS 1.3.0 layer: `url` addresses the GetCapabilities document, which is downloaded and read
+// before the call returns. `layer` null takes the last leaf layer of the document; `style` must
+// be null and `format` "image/png". The service is an IOgcMapService in the CRS `epsgCode`.
+TELLAR_API bool TellarSpatialMaps_CreateMapServiceFromWmsUrl(Tellar::Interfaces::IEpsg* epsg, const char* url,
+                                                             const char* layer, const char* style, const char* format,
+                                                             uint32_t epsgCode,
+                                                             Tellar::Interfaces::IMapService** ppService,
+                                                             Core::IErrorCode** ppError);
+TELLAR_API bool TellarSpatialMaps_CreateCachedMapServiceFromWmsUrl(Tellar::Interfaces::IEpsg* epsg,
+                                                                   const char* cacheDir, const char* url,
+                                                                   const char* layer, const char* style,
+                                                                   const char* format, uint32_t epsgCode,
+                                                                   Tellar::Interfaces::IMapService** ppService,
+                                                                   Core::IErrorCode** ppError);
+// A WCS 1.0.0 coverage (`coverage` null: the first offered); `format` must be "GeoTIFF".
+TELLAR_API bool TellarSpatialMaps_CreateMapServiceFromWcsUrl(Tellar::Interfaces::IEpsg* epsg, const char* url,
+                                                             const char* coverage, const char* format,
+                                                             uint32_t epsgCode,
+                                                             Tellar::Interfaces::IMapService** ppService,
+                                                             Core::IErrorCode** ppError);
+TELLAR_API bool TellarSpatialMaps_CreateCachedMapServiceFromWcsUrl(Tellar::Interfaces::IEpsg* epsg,
+                                                                   const char* cacheDir, const char* url,
+                                                                   const char* coverage, const char* format,
+                                                                   uint32_t epsgCode,
+                                                                   Tellar::Interfaces::IMapService** ppService,
+                                                                   Core::IErrorCode** ppError);
+// A WMTS 1.0.0 layer, named by its identifier; style, format and tile matrix set, when given,
+// replace the layer's defaults. The CRS is that of the tile matrix set.
+TELLAR_API bool TellarSpatialMaps_CreateMapServiceFromWmtsUrl(Tellar::Interfaces::IEpsg* epsg, const char* url,
+                                                              const char* layer, const char* style,
+                                                              const char* format, const char* tileMatrixSet,
+                                                              Tellar::Interfaces::IMapService** ppService,
+                                                              Core::IErrorCode** ppError);
+TELLAR_API bool TellarSpatialMaps_CreateCachedMapServiceFromWmtsUrl(Tellar::Interfaces::IEpsg* epsg,
+                                                                    const char* cacheDir, const char* url,
+                                                                    const char* layer, const char* style,
+                                                                    const char* format, const char* tileMatrixSet,
+                                                                    Tellar::Interfaces::IMapService** ppService,
+                                                                    Core::IErrorCode** ppError);
