@@ -174,7 +174,6 @@ TEST(Mosaic, MercatorServiceToGeographicTarget) {
     EXPECT_EQ(static_cast<int64_t>(mosaic.image->GetWidth()) * mosaic.image->GetHeight(), 0);
 }
 
-
 // A tile of one colour at (x, y) of zoom 3, or one that fails with its own text; decodes may
 // be slowed down and are counted while under way.
 class FakeTile final : public Core::ObjectImplBase<ITileResponse> {

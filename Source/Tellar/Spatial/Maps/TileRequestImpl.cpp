@@ -119,7 +119,8 @@ Core::Ptr<Tellar::Interfaces::ITileResponse> TileRequestImpl::AwaitDownload() co
     // Only a whole exchange of tile bytes goes to the cache, whatever its status line said: an
     // error page or an empty body served with 200 would stand there for ever.
     if (!cacheFilePath_.empty() && response.GetStatusCode() == 200 && httpRequest_->IsCompleted() &&
-        response.Get()->GetBodySize() > 0 && MapServices::IsTileContentType(response.Get()->GetHeader("Content-Type"))) {
+        response.Get()->GetBodySize() > 0 &&
+        MapServices::IsTileContentType(response.Get()->GetHeader("Content-Type"))) {
         MakeParentDirectory(cacheFilePath_);
         MapServices::WriteCacheFile(response, cacheFilePath_);
     }
