@@ -4,7 +4,9 @@
 #include <atomic>
 #include <chrono>
 #include <future>
+#include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Data/Values.h"
@@ -288,6 +290,37 @@ TEST_F(HttpClientTest, ClosingInFlightCallsBackWithNullAndFreesEverything) {
     ASSERT_TRUE(WaitUntil([] { return Impl::Transport::OpenHandleCount() == 0; }));
     EXPECT_TRUE(Logged(logger, "AsyncCallback: WINHTTP_CALLBACK_STATUS_REQUEST_ERROR [12017]"));
     EXPECT_EQ(liveUserObjects.load(), 0);
+}
+
+// A request closed as soon as its send was accepted, often before the transport started it,
+// still ends with the cancellation, which wakes both kinds of waiter.
+TEST_F(HttpClientTest, ClosingRightAfterTheSendWakesEveryWaiter) {
+    RawServer hang(RawServer::Hang);
+    auto client = Http::CreateHttpClient(hang.Base().c_str(), "Test/1.0", 0);
+    for (int i = 0; i < 200; ++i) {
+        SCOPED_TRACE(i);
+        auto request = NewRequest(client, "/never");
+        ASSERT_TRUE(request->Send());
+        auto woken = std::make_shared<std::atomic<int>>(0);
+        // The waiters own what they touch: a lost wake-up leaves them behind, detached.
+        std::thread waiter([request, woken] {
+            request->WaitForResponse();
+            ++*woken;
+        });
+        std::thread getter([request, woken] {
+            if (!request->GetResponse(true)) ++*woken;
+        });
+        EXPECT_TRUE(request->Close());
+        const bool ended = WaitUntil([&] { return woken->load() == 2; }, std::chrono::seconds(10));
+        if (!ended) {
+            waiter.detach();
+            getter.detach();
+            FAIL() << "a waiter never woke";
+        }
+        waiter.join();
+        getter.join();
+        EXPECT_FALSE(request->IsCompleted());
+    }
 }
 
 TEST_F(HttpClientTest, ReleasedClientOutlivesItsAsyncRequests) {

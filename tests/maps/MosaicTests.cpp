@@ -1,7 +1,17 @@
+#include <atomic>
+#include <chrono>
 #include <cmath>
+#include <cstring>
+#include <stdexcept>
 #include <string>
+#include <thread>
+#include <vector>
 
+#include "Core/ObjectImplBase.h"
+#include "Data/Values.h"
 #include "MapServiceSupport.h"
+#include "Tellar/Spatial/Maps/Mosaic.h"
+#include "Tellar/Spatial/Maps/TileResponseImpl.h"
 #include "TellarImaging/ITransform.h"
 #include "TempDir.h"
 #include "TileServer.h"
@@ -9,6 +19,7 @@
 namespace {
 
 using namespace MapTests;
+namespace Impl = Tellar::Spatial::Maps::impl;
 
 struct Params {
     double scaleX = 0, scaleY = 0, originX = 0, originY = 0;
@@ -161,6 +172,76 @@ TEST(Mosaic, MercatorServiceToGeographicTarget) {
     EXPECT_EQ(server.Requests(), 4);
     EXPECT_EQ(mosaic.image->GetEpsgCode(), 4326u);
     EXPECT_EQ(static_cast<int64_t>(mosaic.image->GetWidth()) * mosaic.image->GetHeight(), 0);
+}
+
+// A tile of one colour at (x, y) of zoom 3, or one that fails with its own text; decodes may
+// be slowed down and are counted while under way.
+class FakeTile final : public Core::ObjectImplBase<ITileResponse> {
+public:
+    FakeTile(int64_t x, int64_t y, uint8_t blue, std::string failure = {}, int delayMs = 0)
+        : failure_(std::move(failure)), delay_(delayMs) {
+        const std::string png = TestSupport::SolidPngTile(256, uint8_t(x), uint8_t(y), blue);
+        Data::Array bytes = Data::Array::Create(png.size());
+        std::memcpy(bytes.GetData(), png.data(), png.size());
+        const MapServices::BoundingBoxValue bounds{x * 45.0 - 180, 90 - (y + 1) * 22.5, (x + 1) * 45.0 - 180,
+                                                   90 - y * 22.5};
+        inner_ = Core::MakeObject<Impl::TileResponseImpl>(Core::Ptr<Platform::Interfaces::IHttpResponse>(),
+                                                          std::move(bytes), bounds, 4326, 3, x, y);
+    }
+    static inline std::atomic<int> busy{0};
+
+    int32_t GetZoom() override { return 3; }
+    int64_t GetX() override { return inner_->GetX(); }
+    int64_t GetY() override { return inner_->GetY(); }
+    bool GetImage(TellarImaging::IImage** ppImage, Core::IErrorCode** ppError) override {
+        ++busy;
+        std::this_thread::sleep_for(std::chrono::milliseconds(delay_));
+        const bool ok = failure_.empty() ? inner_->GetImage(ppImage, ppError)
+                                         : Core::AbiGuard([&] { throw std::runtime_error(failure_); }, ppError);
+        --busy;
+        return ok;
+    }
+    bool GetTransform(TellarImaging::ITransform** ppTransform, Core::IErrorCode** ppError) override {
+        return inner_->GetTransform(ppTransform, ppError);
+    }
+    bool GetBounds(Tellar::Interfaces::IBoundingBox2d** ppBox, Core::IErrorCode** ppError) override {
+        return inner_->GetBounds(ppBox, ppError);
+    }
+    Platform::Interfaces::IHttpResponse* GetHttpResponse() override { return nullptr; }
+    int32_t GetEpsgCode() override { return 4326; }
+
+private:
+    Core::Ptr<ITileResponse> inner_;
+    std::string failure_;
+    int delay_;
+};
+
+// Enough tiles for several decoding threads and batches: pasting still follows the list, and
+// the failure reported is the first of the list, not the first in time.
+TEST(Mosaic, ParallelDecodingKeepsListOrder) {
+    MapServices::TileRange range;
+    range.Extend(0, 0);
+    range.Extend(7, 7);
+    std::vector<Core::Ptr<ITileResponse>> tiles;
+    for (int64_t x = 0; x < 8; ++x)
+        for (int64_t y = 0; y < 8; ++y) tiles.push_back(Core::MakeObject<FakeTile>(x, y, 0));
+    for (uint8_t again = 1; again <= 2; ++again) tiles.push_back(Core::MakeObject<FakeTile>(2, 3, again));
+
+    auto mosaic = Impl::ComposeMosaic(range, tiles, 4326);
+    ASSERT_EQ(mosaic->GetWidth(), 8 * 256);
+    EXPECT_EQ(Rgb(*mosaic, 2 * 256 + 9, 3 * 256 + 9), 0x020302u); // the last tile for (2, 3)
+    EXPECT_EQ(Rgb(*mosaic, 7 * 256 + 9, 6 * 256 + 9), 0x070600u);
+
+    tiles[36] = Core::MakeObject<FakeTile>(4, 4, 0, "tile 36 failed", 100);
+    tiles[45] = Core::MakeObject<FakeTile>(5, 5, 0, "tile 45 failed");
+    tiles[47] = Core::MakeObject<FakeTile>(5, 7, 0, "", 200);
+    try {
+        Impl::ComposeMosaic(range, tiles, 4326);
+        ADD_FAILURE() << "no failure";
+    } catch (const std::exception& e) {
+        EXPECT_STREQ(e.what(), "tile 36 failed");
+    }
+    EXPECT_EQ(FakeTile::busy.load(), 0); // every decoding thread joined
 }
 
 } // namespace

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 #include <filesystem>
+#include <string_view>
 #include <system_error>
 
 #include "Core/Checked.h"
@@ -34,6 +35,12 @@ void WriteCacheFile(const Platform::Network::Http::HttpResponse& response, const
         std::filesystem::remove(temporary, ignored);
         Core::ThrowFileSystemError("rename", temporary, error);
     }
+}
+
+bool IsTileContentType(const char* header) {
+    const std::string_view type = header ? header : "";
+    return type.find("mapbox") != std::string_view::npos || type.find("octet-stream") != std::string_view::npos ||
+           type.find("image") != std::string_view::npos;
 }
 
 } // namespace MapServices

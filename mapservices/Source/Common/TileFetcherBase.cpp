@@ -229,13 +229,6 @@ void LogException(const char* function, const std::exception& e) {
     Platform::LogMessage(Platform::LogError, function, "", 0, Core::StringFormat("Exception: %s", e.what()));
 }
 
-// A tile body worth keeping: image types, vector tiles and plain bytes.
-bool IsTileContentType(const char* header) {
-    const std::string_view type = header ? header : "";
-    return type.find("mapbox") != std::string_view::npos || type.find("octet-stream") != std::string_view::npos ||
-           type.find("image") != std::string_view::npos;
-}
-
 } // namespace
 
 TileFetcherBase::TileFetcherBase()

@@ -116,11 +116,13 @@ Core::Ptr<Tellar::Interfaces::ITileResponse> TileRequestImpl::AwaitDownload() co
     const Platform::Threading::AsyncTaskWithResultBase<ResponseResult> typed{Platform::Threading::AsyncTask(task)};
     const HttpResponse response(typed.GetResult().response.Raw());
 
-    if (!cacheFilePath_.empty()) {
+    // Only a whole exchange of tile bytes goes to the cache, whatever its status line said: an
+    // error page or an empty body served with 200 would stand there for ever.
+    if (!cacheFilePath_.empty() && response.GetStatusCode() == 200 && httpRequest_->IsCompleted() &&
+        response.Get()->GetBodySize() > 0 &&
+        MapServices::IsTileContentType(response.Get()->GetHeader("Content-Type"))) {
         MakeParentDirectory(cacheFilePath_);
-        // Only a whole exchange goes to the cache, whatever its status line said.
-        if (response.GetStatusCode() == 200 && httpRequest_->IsCompleted())
-            MapServices::WriteCacheFile(response, cacheFilePath_);
+        MapServices::WriteCacheFile(response, cacheFilePath_);
     }
     return Core::MakeObject<TileResponseImpl>(Core::Ptr<Platform::Interfaces::IHttpResponse>(response.Get()),
                                               Core::Ptr<Data::Interfaces::IArray>(), bounds_, epsgCode_, zoom_, x_, y_);

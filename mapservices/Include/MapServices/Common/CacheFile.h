@@ -10,4 +10,8 @@ namespace MapServices {
 // file; a failed rename throws the "rename" file-system error.
 void WriteCacheFile(const Platform::Network::Http::HttpResponse& response, const std::string& target);
 
+// Whether a response's Content-Type names a tile body worth keeping: image types, vector tiles
+// and plain bytes. A missing header is none of them.
+bool IsTileContentType(const char* header);
+
 } // namespace MapServices

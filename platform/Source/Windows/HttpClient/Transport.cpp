@@ -157,7 +157,8 @@ struct RequestState final : HandleBase {
     uint32_t flags = 0;
     StatusCallback callback = nullptr;
 
-    // Filled by the caller before the send.
+    // Filled by the caller before the send. Also orders a send against a close from another
+    // thread: whichever takes it first decides whether the request was ever in flight.
     std::mutex setupMutex;
     std::vector<std::string> headerLines;
     Timeouts timeouts;
@@ -175,7 +176,6 @@ struct RequestState final : HandleBase {
     CURL* easy = nullptr;
     curl_slist* slist = nullptr;
     std::string url;
-    bool started = false;
     bool waiting = false; // sent, waiting for room in the multi handle
     bool transferDone = false;
     uint32_t transferError = 0;
@@ -883,7 +883,6 @@ void Engine::Launch(RequestState& request) {
     curl_easy_setopt(easy, CURLOPT_HTTPHEADER, list);
 
     active_.emplace(easy, std::static_pointer_cast<RequestState>(request.shared_from_this()));
-    request.started = true;
     curl_multi_add_handle(multi_, easy);
     needsPerform_ = true;
 }
@@ -968,9 +967,10 @@ void Engine::Close(HandleBase& handle, StatusCallback callback) {
     auto& request = static_cast<RequestState&>(handle);
     if (request.closeProcessed) return;
     request.closeProcessed = true;
-    // In flight until its user has seen the end of the body or a failure: closing it before
-    // that cancels, which also wakes whoever still waits for the end.
-    const bool inFlight = (request.started || request.waiting) && !request.endDelivered && !request.errorDelivered;
+    // In flight from the accepted send until its user has seen the end of the body or a
+    // failure, also when the transport has not started it yet: closing it before that cancels,
+    // which also wakes whoever still waits for the end.
+    const bool inFlight = request.sendIssued.load() && !request.endDelivered && !request.errorDelivered;
     request.waiting = false;
     const uint32_t api = Api(request);
     Detach(request);
@@ -1117,21 +1117,25 @@ bool SendRequest(Handle request, const char*, int64_t, const void* data, uint32_
                  void* context) {
     auto state = LookupAs<RequestState>(request, Kind::Request);
     if (!state) return Fail(ErrorInvalidHandle);
-    if (state->closeIssued.load()) return Fail(ErrorInvalidHandle);
-    if (state->sendIssued.exchange(true)) return Fail(ErrorIncorrectHandleState);
-    state->context = context;
-    if (data && length > 0) {
-        const auto* bytes = static_cast<const char*>(data);
-        state->postData.assign(bytes, bytes + length);
-    }
-    if (totalLength > length) {
-        state->streamedUpload = true;
-        state->uploadSize = totalLength;
-        if (length > 0) {
-            UploadBlock block;
-            block.payload = std::move(state->postData);
-            state->postData.clear();
-            state->uploads.push_back(std::move(block));
+    {
+        // A close on another thread now either came first or sees the send.
+        std::lock_guard lock(state->setupMutex);
+        if (state->closeIssued.load()) return Fail(ErrorInvalidHandle);
+        if (state->sendIssued.exchange(true)) return Fail(ErrorIncorrectHandleState);
+        state->context = context;
+        if (data && length > 0) {
+            const auto* bytes = static_cast<const char*>(data);
+            state->postData.assign(bytes, bytes + length);
+        }
+        if (totalLength > length) {
+            state->streamedUpload = true;
+            state->uploadSize = totalLength;
+            if (length > 0) {
+                UploadBlock block;
+                block.payload = std::move(state->postData);
+                state->postData.clear();
+                state->uploads.push_back(std::move(block));
+            }
         }
     }
     Engine& engine = Engine::Get();
@@ -1196,7 +1200,9 @@ bool CloseHandle(Handle handle) {
     if (!found) return Fail(ErrorInvalidHandle);
     StatusCallback callback = nullptr;
     if (found->kind == Kind::Request) {
-        static_cast<RequestState&>(*found).closeIssued.store(true);
+        auto& request = static_cast<RequestState&>(*found);
+        std::lock_guard lock(request.setupMutex);
+        request.closeIssued.store(true);
     } else {
         SessionState& session = found->kind == Kind::Session ? static_cast<SessionState&>(*found)
                                                              : *static_cast<ConnectionState&>(*found).session;
