@@ -273,7 +273,7 @@ TellarImaging::ITiffImage* GenericMapServiceT<I>::MakeMosaic(int32_t zoom, const
     for (uint64_t i = 0; i < list->GetCount(); ++i) take(*dynamic_cast<ITileRequest*>(list->GetItem(i)));
 
     const uint32_t serviceEpsg = serviceCrs_->GetEpsgCode();
-    Core::Ptr<TellarImaging::IImage> image = ComposeMosaic(range, responses, serviceEpsg);
+    Core::Ptr<TellarImaging::IImage> image = ComposeMosaic(range, responses, serviceEpsg, zoom);
     if (transformation_.transformation.Raw()) {
         const CrsTransformationHolder toTarget(serviceCrs_, targetCrs_);
         const TellarImaging::ImageBase reprojected = TellarImaging::CreateImageBase(
