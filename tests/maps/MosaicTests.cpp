@@ -173,8 +173,8 @@ std::string GdalTmsDescription(const TestSupport::TileServer& server) {
 void ExpectSameAsGdal(TellarImaging::ITiffImage& mosaic, const TestSupport::TempDir& dir, const std::string& gdalPath) {
     const std::string ourPath = dir.File("ours.tif");
     Core::Ptr<Core::IErrorCode> error;
-    ASSERT_TRUE(TellarImaging_SaveImage(&mosaic, ourPath.c_str(), TellarImaging::ImageFileFormatTiff,
-                                        error.ReceiveAddress()))
+    ASSERT_TRUE(
+        TellarImaging_SaveImage(&mosaic, ourPath.c_str(), TellarImaging::ImageFileFormatTiff, error.ReceiveAddress()))
         << TextOf(error);
     ASSERT_EQ(std::system(("gdalinfo -mdd IMAGE_STRUCTURE '" + ourPath + "' > '" + ourPath + ".txt'").c_str()), 0);
     const TestImages::Bytes info = TestImages::ReadFileBytes(ourPath + ".txt");
@@ -226,10 +226,9 @@ TEST(Mosaic, MercatorServiceAgreesWithGdal) {
 
     TestSupport::TempDir dir;
     std::ofstream(dir.File("tms.xml")) << GdalTmsDescription(server);
-    const std::string command = Core::StringFormat("gdal_translate -q -projwin %.17g %.17g %.17g %.17g '%s' '%s'",
-                                                   -half + 700.25 * pixel, half - 500.25 * pixel,
-                                                   -half + 1300.25 * pixel, half - 1100.25 * pixel,
-                                                   dir.File("tms.xml").c_str(), dir.File("gdal.tif").c_str());
+    const std::string command = Core::StringFormat(
+        "gdal_translate -q -projwin %.17g %.17g %.17g %.17g '%s' '%s'", -half + 700.25 * pixel, half - 500.25 * pixel,
+        -half + 1300.25 * pixel, half - 1100.25 * pixel, dir.File("tms.xml").c_str(), dir.File("gdal.tif").c_str());
     ASSERT_EQ(std::system(command.c_str()), 0) << command;
     ExpectSameAsGdal(*mosaic.image, dir, dir.File("gdal.tif"));
 }
@@ -261,8 +260,8 @@ TEST(Mosaic, MercatorServiceToGeographicTargetAgreesWithGdalwarp) {
     std::ofstream(dir.File("tms.xml")) << GdalTmsDescription(server);
     const std::string command = Core::StringFormat(
         "gdalwarp -q -r near -et 0 -t_srs EPSG:4326 -te %.17g %.17g %.17g %.17g -ts %d %d '%s' '%s'", p.originX,
-        p.originY + image.GetHeight() * p.scaleY, p.originX + image.GetWidth() * p.scaleX, p.originY,
-        image.GetWidth(), image.GetHeight(), dir.File("tms.xml").c_str(), dir.File("gdal.tif").c_str());
+        p.originY + image.GetHeight() * p.scaleY, p.originX + image.GetWidth() * p.scaleX, p.originY, image.GetWidth(),
+        image.GetHeight(), dir.File("tms.xml").c_str(), dir.File("gdal.tif").c_str());
     ASSERT_EQ(std::system(command.c_str()), 0) << command;
     ExpectSameAsGdal(image, dir, dir.File("gdal.tif"));
 }

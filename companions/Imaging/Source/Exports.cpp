@@ -91,7 +91,8 @@ public:
                 return;
             }
             if (errno != EEXIST || attempt == 100)
-                throw std::runtime_error(fmt::format("Failed to create {} file {}: {}", kind, path, std::strerror(errno)));
+                throw std::runtime_error(
+                    fmt::format("Failed to create {} file {}: {}", kind, path, std::strerror(errno)));
         }
     }
     ~SaveTarget() {
@@ -214,8 +215,10 @@ bool TellarImaging_SaveImage(IImage* image, const char* path, int32_t format, Co
                 throw std::runtime_error(fmt::format("Unknown image file format {}", format));
             const bool png = format == ImageFileFormatPng;
             SaveTarget target(path, png ? "PNG" : "TIFF");
-            if (png) EncodePng(image, target.Path(), path);
-            else EncodeTiff(image, target.Path(), path);
+            if (png)
+                EncodePng(image, target.Path(), path);
+            else
+                EncodeTiff(image, target.Path(), path);
             target.Commit();
         },
         ppError);

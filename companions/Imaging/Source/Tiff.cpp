@@ -327,8 +327,7 @@ void EncodeTiff(IImage* image, const std::string& path, const std::string& name)
         if (TIFFWriteScanline(t, image->GetPixelPointer(0, y), uint32_t(y), 0) < 0)
             throw std::runtime_error(fmt::format("Failed to write TIFF file {}: {}", name, state.message));
     }
-    if (!TIFFFlush(t))
-        throw std::runtime_error(fmt::format("Failed to write TIFF file {}: {}", name, state.message));
+    if (!TIFFFlush(t)) throw std::runtime_error(fmt::format("Failed to write TIFF file {}: {}", name, state.message));
 }
 
 } // namespace TellarImaging::impl

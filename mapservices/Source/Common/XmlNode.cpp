@@ -66,8 +66,10 @@ void CheckElementDepth(std::string_view text) {
         } else if (rest.starts_with("<!")) {
             int brackets = 0;
             for (at += 2; at < text.size() && (text[at] != '>' || brackets > 0); ++at) {
-                if (text[at] == '[') ++brackets;
-                else if (text[at] == ']' && brackets > 0) --brackets;
+                if (text[at] == '[')
+                    ++brackets;
+                else if (text[at] == ']' && brackets > 0)
+                    --brackets;
             }
             ++at;
         } else if (rest.starts_with("</")) {

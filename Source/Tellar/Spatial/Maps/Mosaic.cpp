@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <atomic>
-#include <exception>
-#include <thread>
 #include <cmath>
 #include <cstring>
+#include <exception>
 #include <numbers>
+#include <thread>
 
 #include "Core/AbiGuard.h"
 #include "Core/Checked.h"
