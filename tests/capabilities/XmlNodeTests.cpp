@@ -139,3 +139,49 @@ TEST(XmlDocument, ParserErrorsPassThroughAndTopLevelSearch) {
     EXPECT_TRUE(XmlDocument("").FirstElement().IsEmpty());
     EXPECT_TRUE(XmlDocument("<!-- only a comment -->").FirstElement().IsEmpty());
 }
+
+namespace {
+
+std::string Nested(int levels, const std::string& open = "<a>", const std::string& inside = "") {
+    std::string text;
+    for (int i = 0; i < levels; ++i) text += open;
+    text += inside;
+    for (int i = 0; i < levels; ++i) text += "</a>";
+    return text;
+}
+
+}  // namespace
+
+// A document nested deeper than 512 elements is refused before the parser descends into it;
+// markup that opens no element does not count.
+TEST(XmlDocument, DeepNestingIsRefused) {
+    const std::string tooDeep = "XML nesting too deep";
+    const std::string deepText = Nested(600, "<b>");
+    const struct {
+        const char* name;
+        std::string document;
+        std::string message;
+    } cases[] = {
+        {"100,000 levels", Nested(100000), tooDeep},
+        {"512 levels", Nested(512), ""},
+        {"513 levels", Nested(513), tooDeep},
+        {"quoted '>' and '/>'", Nested(513, "<a x=\"/>\" y='>'>"), tooDeep},
+        {"self-closing tags", "<r>" + Nested(1000, "<a/>").substr(0, 4000) + "</r>", ""},
+        {"comment", "<r><!--" + deepText + "--></r>", ""},
+        {"CDATA", "<r><![CDATA[" + deepText + "]]></r>", ""},
+        {"processing instruction", "<?pi " + deepText + "?><r/>", ""},
+        {"DOCTYPE with a subset", "<!DOCTYPE r [<!ENTITY e '>'>]>" + Nested(512), ""},
+        {"DOCTYPE then too deep", "<!DOCTYPE r [<!ELEMENT r ANY>]>" + Nested(513), tooDeep},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::string message = "<parsed>";
+        try {
+            const XmlDocument document(c.document);
+            message = "";
+        } catch (const std::exception& e) {
+            message = e.what();
+        }
+        EXPECT_EQ(message, c.message);
+    }
+}

@@ -234,6 +234,42 @@ TEST_F(ToolTest, DemoWritesBothPictures) {
     EXPECT_TRUE(IsPng(ReadText(dir.File("demo/demo.png"))));
     EXPECT_EQ(ReadText(dir.File("demo/demo.tif")).substr(0, 4), std::string("II*\0", 4));
     EXPECT_TRUE(fs::is_directory(dir.File("demo/demo-cache")));
+
+    // GDAL reads its colours as unsigned bytes.
+    if (std::system("command -v gdalinfo >/dev/null 2>&1") != 0) GTEST_SKIP() << "gdalinfo is not installed";
+    const std::string command = "timeout 60 gdalinfo -json -mdd IMAGE_STRUCTURE " + Quote(dir.File("demo/demo.tif")) +
+                                " >" + Quote(dir.File("gdal.json")) + " 2>/dev/null";
+    ASSERT_EQ(std::system(command.c_str()), 0);
+    const std::string gdal = ReadText(dir.File("gdal.json"));
+    EXPECT_EQ(gdal.find("SIGNEDBYTE"), std::string::npos) << gdal;
+    EXPECT_EQ(gdal.find("Int8"), std::string::npos) << gdal;
+}
+
+// A Web-Mercator service makes a mosaic of a box in metres, and one in degrees with a
+// geographic target.
+TEST_F(ToolTest, MosaicOfAMercatorService) {
+    const std::string url = server.Template("t");
+    Outcome o = Run("mosaic --tms " + url + " --epsg 3857 --zoom 3 --bbox -2000000,-1000000,3000000,4000000 -o " +
+                    dir.File("m.tif"));
+    ASSERT_EQ(o.exitCode, 0) << o.err;
+    EXPECT_EQ(Number(o.out, "epsg"), 3857);
+    std::vector<double> transform = Numbers(o.out, "transform");
+    ASSERT_EQ(transform.size(), 6u);
+    const double pixel = 2 * 20037508.342789244 / 2048;
+    EXPECT_NEAR(transform[0], pixel, 1e-6);
+    EXPECT_NEAR(transform[2], -2000000.0, pixel);
+    EXPECT_NEAR(transform[3], 4000000.0, pixel);
+    EXPECT_NEAR(Number(o.out, "width"), 5000000.0 / pixel, 2.0);
+
+    o = Run("mosaic --tms " + url + " --epsg 3857 --target-epsg 4326 --zoom 3 --bbox -20,-10,30,40 -o " +
+            dir.File("g.tif"));
+    ASSERT_EQ(o.exitCode, 0) << o.err;
+    EXPECT_EQ(Number(o.out, "epsg"), 4326);
+    transform = Numbers(o.out, "transform");
+    ASSERT_EQ(transform.size(), 6u);
+    EXPECT_NEAR(transform[2], -20.0, transform[0]);
+    EXPECT_NEAR(transform[3], 40.0, -transform[1]);
+    EXPECT_NEAR(Number(o.out, "width"), 50.0 / transform[0], 2.0);
 }
 
 } // namespace

@@ -1,9 +1,15 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <tiffio.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <filesystem>
 #include <fstream>
 #include <regex>
 #include <string>
@@ -300,4 +306,117 @@ TEST(SaveImage, PngRoundTripAndRefusals) {
     EXPECT_NE(saveFailure(PixelDataTypeGray8, "/nonexistent/dir/a.tif", ImageFileFormatTiff)
                   .find("Failed to create TIFF file"),
               std::string::npos);
+}
+
+namespace {
+
+uint16_t SampleFormatIn(const std::string& path) {
+    TIFF* tif = TIFFOpen(path.c_str(), "r");
+    if (!tif) return 0;
+    uint16_t format = 0;
+    TIFFGetFieldDefaulted(tif, TIFFTAG_SAMPLEFORMAT, &format);
+    TIFFClose(tif);
+    return format;
+}
+
+std::string FileText(const std::string& path) {
+    const TestImages::Bytes bytes = TestImages::ReadFileBytes(path);
+    return std::string(bytes.begin(), bytes.end());
+}
+
+} // namespace
+
+// Mosaics and crops are marked signed whatever their samples: pictures are still written as
+// unsigned bytes (GDAL would read 160 as -96), wide samples as floats, 16-bit data as signed.
+TEST(GeoTiff, SampleFormatOfImagesMarkedSigned) {
+    TestSupport::TempDir dir;
+    const bool gdal = std::system("command -v gdalinfo > /dev/null 2>&1") == 0;
+    const struct Case {
+        int32_t type;
+        uint16_t format;
+        const char* gdalType;
+    } cases[] = {{PixelDataTypeRgba32, SAMPLEFORMAT_UINT, "Byte"},
+                 {PixelDataTypeRgb24, SAMPLEFORMAT_UINT, "Byte"},
+                 {PixelDataTypeGrayAlpha16, SAMPLEFORMAT_UINT, "Byte"},
+                 {PixelDataTypeGray16, SAMPLEFORMAT_INT, "Int16"},
+                 {PixelDataTypeFloat32, SAMPLEFORMAT_IEEEFP, "Float32"},
+                 {PixelDataTypeFloat64x2, SAMPLEFORMAT_IEEEFP, "Float64"}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.type);
+        Ptr<ITiffImage> image = NewTiff(5, 3, c.type);
+        if (image->GetBitsPerSample() == 8) static_cast<uint8_t*>(image->GetPixelPointer(0, 0))[0] = 160;
+        image->SetSampleKind(SampleKindSigned);
+        image->SetTransform(Transform(1.0, -1.0, 10.0, 50.0).Raw());
+        image->SetEpsgCode(4326);
+        const std::string path = dir.File("signed" + std::to_string(c.type) + ".tif");
+        ASSERT_NO_THROW(Save(image.Raw(), path, ImageFileFormatTiff));
+        EXPECT_EQ(SampleFormatIn(path), c.format);
+        if (!gdal) continue;
+        ASSERT_EQ(std::system(("gdalinfo -json -mdd IMAGE_STRUCTURE '" + path + "' > '" + path + ".json'").c_str()), 0);
+        const std::string json = FileText(path + ".json");
+        EXPECT_EQ(json.find("SIGNEDBYTE"), std::string::npos) << json;
+        EXPECT_NE(json.find(std::string("\"type\":\"") + c.gdalType + "\""), std::string::npos) << json;
+    }
+}
+
+// A save goes to a temporary file beside the target and is renamed over it: a failed save
+// leaves the old file whole and no temporary file behind, a successful one keeps its mode.
+TEST(SaveImage, ReplacesRegularFilesOnlyWhenComplete) {
+    TestSupport::TempDir dir;
+    const std::string path = dir.File("kept.tif");
+    const auto failure = [&](const std::string& to, int32_t format) {
+        return Failure([&](auto error) {
+            return TellarImaging_SaveImage(NewTiff(0, 0, PixelDataTypeRgba32).Raw(), to.c_str(), format, error);
+        });
+    };
+    for (const int32_t format : {ImageFileFormatTiff, ImageFileFormatPng}) {
+        SCOPED_TRACE(format);
+        std::ofstream(path) << "old contents";
+        ::chmod(path.c_str(), 0640);
+        EXPECT_NE(failure(path, format), "");
+        EXPECT_EQ(FileText(path), "old contents");
+
+        Ptr<ITiffImage> image = NewTiff(3, 2, PixelDataTypeRgba32);
+        Save(image.Raw(), path, format);
+        EXPECT_EQ(Open(path)->GetWidth(), 3);
+        struct stat status {};
+        ASSERT_EQ(::stat(path.c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode & 0777, 0640u);
+        size_t files = 0;
+        for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(dir.Path())) ++files;
+        EXPECT_EQ(files, 1u);
+    }
+
+    // Through a symbolic link the file it names is replaced and the link stays.
+    const std::string link = dir.File("link.png");
+    std::filesystem::create_symlink(path, link);
+    Save(NewTiff(4, 1, PixelDataTypeRgba32).Raw(), link, ImageFileFormatPng);
+    EXPECT_TRUE(std::filesystem::is_symlink(link));
+    EXPECT_EQ(Open(path)->GetWidth(), 4);
+
+    // A pipe is written in place, and a failure never removes it.
+    const std::string fifo = dir.File("pipe");
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    EXPECT_NE(failure(fifo, ImageFileFormatPng), "");
+    EXPECT_TRUE(std::filesystem::is_fifo(fifo));
+    const int reader = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
+    ASSERT_GE(reader, 0);
+    Save(NewTiff(2, 2, PixelDataTypeRgba32).Raw(), fifo, ImageFileFormatPng);
+    char signature[8] = {};
+    EXPECT_EQ(::read(reader, signature, sizeof signature), 8);
+    ::close(reader);
+    EXPECT_EQ(std::string(signature + 1, 3), "PNG");
+    EXPECT_TRUE(std::filesystem::is_fifo(fifo));
+
+    // A full device fails the save and stays.
+    if (::access("/dev/full", W_OK) == 0) {
+        EXPECT_NE(Failure([&](auto error) {
+                      return TellarImaging_SaveImage(NewTiff(64, 64, PixelDataTypeRgba32).Raw(), "/dev/full",
+                                                     ImageFileFormatPng, error);
+                  }),
+                  "");
+        struct stat status {};
+        EXPECT_EQ(::stat("/dev/full", &status), 0);
+        EXPECT_TRUE(S_ISCHR(status.st_mode));
+    }
 }

@@ -1,17 +1,22 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "Core/ObjectImplBase.h"
+#include "Core/StringFormat.h"
 #include "Data/Values.h"
+#include "ImageWriters.h"
 #include "MapServiceSupport.h"
 #include "Tellar/Spatial/Maps/Mosaic.h"
 #include "Tellar/Spatial/Maps/TileResponseImpl.h"
+#include "TellarImaging/Exports.h"
 #include "TellarImaging/ITransform.h"
 #include "TempDir.h"
 #include "TileServer.h"
@@ -160,18 +165,115 @@ TEST(Mosaic, ReprojectedIntoTheTargetCrs) {
     EXPECT_EQ(server.Requests(), 4);
 }
 
-// A Web-Mercator service carries the degrees of its tiles under its own code, so a picture
-// reprojected from it into 4326 lands far from the box and is cut to nothing.
-TEST(Mosaic, MercatorServiceToGeographicTarget) {
+// GDAL's own reading of the ramp tiles of a loopback server at zoom 3, as a WMS/TMS description.
+std::string GdalTmsDescription(const TestSupport::TileServer& server) {
+    std::string url = server.Template("ramp");
+    for (const char* name : {"{z}", "{x}", "{y}"}) url.replace(url.find(name), 0, "$");
+    return "<GDAL_WMS><Service name=\"TMS\"><ServerUrl>" + url +
+           "</ServerUrl></Service><DataWindow>"
+           "<UpperLeftX>-20037508.342789244</UpperLeftX><UpperLeftY>20037508.342789244</UpperLeftY>"
+           "<LowerRightX>20037508.342789244</LowerRightX><LowerRightY>-20037508.342789244</LowerRightY>"
+           "<TileLevel>3</TileLevel><TileCountX>1</TileCountX><TileCountY>1</TileCountY><YOrigin>top</YOrigin>"
+           "</DataWindow><Projection>EPSG:3857</Projection><BlockSizeX>256</BlockSizeX><BlockSizeY>256</BlockSizeY>"
+           "<BandsCount>4</BandsCount></GDAL_WMS>";
+}
+
+// Saves our mosaic as GeoTIFF, reads it back with what GDAL made at `gdalPath`, and checks that
+// both have the same grid (within 1e-6 of a pixel) and the same pixels.
+void ExpectSameAsGdal(TellarImaging::ITiffImage& mosaic, const TestSupport::TempDir& dir, const std::string& gdalPath) {
+    const std::string ourPath = dir.File("ours.tif");
+    Core::Ptr<Core::IErrorCode> error;
+    ASSERT_TRUE(
+        TellarImaging_SaveImage(&mosaic, ourPath.c_str(), TellarImaging::ImageFileFormatTiff, error.ReceiveAddress()))
+        << TextOf(error);
+    ASSERT_EQ(std::system(("gdalinfo -mdd IMAGE_STRUCTURE '" + ourPath + "' > '" + ourPath + ".txt'").c_str()), 0);
+    const TestImages::Bytes info = TestImages::ReadFileBytes(ourPath + ".txt");
+    EXPECT_EQ(std::string(info.begin(), info.end()).find("SIGNEDBYTE"), std::string::npos);
+
+    const auto open = [](const std::string& path) {
+        Core::Ptr<TellarImaging::IImage> image;
+        Core::Ptr<Core::IErrorCode> error;
+        EXPECT_TRUE(OpenImageA(path.c_str(), image.ReceiveAddress(), error.ReceiveAddress())) << TextOf(error);
+        return image;
+    };
+    const Core::Ptr<TellarImaging::IImage> ours = open(ourPath), theirs = open(gdalPath);
+    ASSERT_TRUE(ours.Raw() && theirs.Raw());
+    ASSERT_EQ(ours->GetWidth(), theirs->GetWidth());
+    ASSERT_EQ(ours->GetHeight(), theirs->GetHeight());
+    ASSERT_EQ(theirs->GetSamplesPerPixel(), 4);
+    const Params a = ParamsOf(dynamic_cast<TellarImaging::ITiffImage&>(*ours.Raw()));
+    const Params b = ParamsOf(dynamic_cast<TellarImaging::ITiffImage&>(*theirs.Raw()));
+    const double pixel = std::fabs(b.scaleX);
+    EXPECT_NEAR(a.scaleX, b.scaleX, 1e-6 * pixel);
+    EXPECT_NEAR(a.scaleY, b.scaleY, 1e-6 * pixel);
+    EXPECT_NEAR(a.originX, b.originX, 1e-6 * pixel);
+    EXPECT_NEAR(a.originY, b.originY, 1e-6 * pixel);
+    int64_t differing = 0;
+    for (int32_t y = 0; y < ours->GetHeight(); ++y)
+        for (int32_t x = 0; x < ours->GetWidth(); ++x)
+            differing += std::memcmp(ours->GetPixelPointer(x, y), theirs->GetPixelPointer(x, y), 4) != 0;
+    EXPECT_EQ(differing, 0);
+}
+
+bool HaveGdal() { return std::system("command -v gdal_translate gdalwarp > /dev/null 2>&1") == 0; }
+
+// A Web-Mercator service georeferences its mosaics in metres from the tile corners, so a box
+// in metres cuts the same pixels as GDAL's reading of the tiles.
+TEST(Mosaic, MercatorServiceAgreesWithGdal) {
     TestSupport::TileServer server;
-    auto service = Service(server.Template("xyz"), 3857);
-    service->SetTargetCrs(Crs(4326).Raw());
-    auto box = Box(1, 1, 89, 44);
+    auto service = Service(server.Template("ramp"), 3857);
+    // A quarter pixel off the grid, so rounding and truncating the box agree.
+    const double half = 20037508.342789244, pixel = 2 * half / 2048;
+    auto box = Box(-half + 700.25 * pixel, half - 1100.25 * pixel, -half + 1300.25 * pixel, half - 500.25 * pixel);
     const Mosaic mosaic = GetMosaic(*service, 3, box.Raw());
     ASSERT_TRUE(mosaic.image.Raw()) << mosaic.failure;
-    EXPECT_EQ(server.Requests(), 4);
-    EXPECT_EQ(mosaic.image->GetEpsgCode(), 4326u);
-    EXPECT_EQ(static_cast<int64_t>(mosaic.image->GetWidth()) * mosaic.image->GetHeight(), 0);
+    EXPECT_EQ(mosaic.image->GetEpsgCode(), 3857u);
+    EXPECT_EQ(mosaic.image->GetWidth(), 600);
+    EXPECT_EQ(mosaic.image->GetHeight(), 600);
+    // Tiles (2..5, 1..4); pixel (0, 0) is pixel (700, 500) of the level.
+    EXPECT_EQ(Rgb(*mosaic.image, 0, 0), (700u % 256) << 16 | (500u % 256) << 8 | (8 * 2 + 1));
+    if (!HaveGdal()) GTEST_SKIP() << "GDAL is not installed";
+
+    TestSupport::TempDir dir;
+    std::ofstream(dir.File("tms.xml")) << GdalTmsDescription(server);
+    const std::string command = Core::StringFormat(
+        "gdal_translate -q -projwin %.17g %.17g %.17g %.17g '%s' '%s'", -half + 700.25 * pixel, half - 500.25 * pixel,
+        -half + 1300.25 * pixel, half - 1100.25 * pixel, dir.File("tms.xml").c_str(), dir.File("gdal.tif").c_str());
+    ASSERT_EQ(std::system(command.c_str()), 0) << command;
+    ExpectSameAsGdal(*mosaic.image, dir, dir.File("gdal.tif"));
+}
+
+// Reprojected into 4326, the same service gives what gdalwarp makes of GDAL's reading of the
+// tiles on our grid, and the grid covers the box in degrees.
+TEST(Mosaic, MercatorServiceToGeographicTargetAgreesWithGdalwarp) {
+    TestSupport::TileServer server;
+    auto service = Service(server.Template("ramp"), 3857);
+    service->SetTargetCrs(Crs(4326).Raw());
+    auto box = Box(-80.3, -40.2, 30.1, 50.4);
+    const Mosaic mosaic = GetMosaic(*service, 3, box.Raw());
+    ASSERT_TRUE(mosaic.image.Raw()) << mosaic.failure;
+    auto& image = *mosaic.image;
+    EXPECT_EQ(image.GetEpsgCode(), 4326u);
+    // Tiles (2..4, 2..4) at zoom 3.
+    EXPECT_EQ(server.Requests(), 9);
+    const Params p = ParamsOf(image);
+    EXPECT_LE(p.originX, -80.3);
+    EXPECT_GT(p.originX, -80.3 - std::fabs(p.scaleX));
+    EXPECT_GE(p.originY, 50.4);
+    EXPECT_LT(p.originY, 50.4 + std::fabs(p.scaleY));
+    // The crop keeps the box's size in whole pixels from the first whole pixel.
+    EXPECT_NEAR(p.originX + image.GetWidth() * p.scaleX, 30.1, 2 * std::fabs(p.scaleX));
+    EXPECT_NEAR(p.originY + image.GetHeight() * p.scaleY, -40.2, 2 * std::fabs(p.scaleY));
+    if (!HaveGdal()) GTEST_SKIP() << "GDAL is not installed";
+
+    TestSupport::TempDir dir;
+    std::ofstream(dir.File("tms.xml")) << GdalTmsDescription(server);
+    const std::string command = Core::StringFormat(
+        "gdalwarp -q -r near -et 0 -t_srs EPSG:4326 -te %.17g %.17g %.17g %.17g -ts %d %d '%s' '%s'", p.originX,
+        p.originY + image.GetHeight() * p.scaleY, p.originX + image.GetWidth() * p.scaleX, p.originY, image.GetWidth(),
+        image.GetHeight(), dir.File("tms.xml").c_str(), dir.File("gdal.tif").c_str());
+    ASSERT_EQ(std::system(command.c_str()), 0) << command;
+    ExpectSameAsGdal(image, dir, dir.File("gdal.tif"));
 }
 
 // A tile of one colour at (x, y) of zoom 3, or one that fails with its own text; decodes may
@@ -227,7 +329,7 @@ TEST(Mosaic, ParallelDecodingKeepsListOrder) {
         for (int64_t y = 0; y < 8; ++y) tiles.push_back(Core::MakeObject<FakeTile>(x, y, 0));
     for (uint8_t again = 1; again <= 2; ++again) tiles.push_back(Core::MakeObject<FakeTile>(2, 3, again));
 
-    auto mosaic = Impl::ComposeMosaic(range, tiles, 4326);
+    auto mosaic = Impl::ComposeMosaic(range, tiles, 4326, 1);
     ASSERT_EQ(mosaic->GetWidth(), 8 * 256);
     EXPECT_EQ(Rgb(*mosaic, 2 * 256 + 9, 3 * 256 + 9), 0x020302u); // the last tile for (2, 3)
     EXPECT_EQ(Rgb(*mosaic, 7 * 256 + 9, 6 * 256 + 9), 0x070600u);
@@ -236,7 +338,7 @@ TEST(Mosaic, ParallelDecodingKeepsListOrder) {
     tiles[45] = Core::MakeObject<FakeTile>(5, 5, 0, "tile 45 failed");
     tiles[47] = Core::MakeObject<FakeTile>(5, 7, 0, "", 200);
     try {
-        Impl::ComposeMosaic(range, tiles, 4326);
+        Impl::ComposeMosaic(range, tiles, 4326, 1);
         ADD_FAILURE() << "no failure";
     } catch (const std::exception& e) {
         EXPECT_STREQ(e.what(), "tile 36 failed");

@@ -169,6 +169,49 @@ TEST(TileRequests, RangesGoColumnByColumn) {
     EXPECT_EQ(none->GetCount(), 0u);
 }
 
+// More than 1,048,576 tiles are refused before a single request is made; the count is exact
+// however wide the range.
+TEST(TileRequests, TooManyTilesAreRefused) {
+    auto service = Service("http://127.0.0.1:9/t/{z}/{x}/{y}.png", 4326);
+    const auto rangeFailure = [&](int64_t minX, int64_t minY, int64_t maxX, int64_t maxY) {
+        Core::Ptr<Data::Interfaces::IObjectList> list;
+        Core::Ptr<Core::IErrorCode> error;
+        service->GetTilesForRange(20, minX, minY, maxX, maxY, list.ReceiveAddress(), error.ReceiveAddress());
+        return TextOf(error);
+    };
+    constexpr int64_t low = INT64_MIN, high = INT64_MAX;
+    const struct {
+        int64_t minX, minY, maxX, maxY;
+        std::string count;
+    } cases[] = {{0, 0, 1023, 1024, "1049600"},
+                 {5, 7, 5, 1048583, "1048577"},
+                 {0, 0, 1048576, 0, "1048577"},
+                 {0, 0, high, 0, "9223372036854775808"},
+                 {low, 3, high, 3, "18446744073709551616"},
+                 {low, low, high, high, "340282366920938463463374607431768211456"},
+                 {-1048576, -1048576, 1048575, 1048575, "4398046511104"}};
+    for (const auto& c : cases)
+        EXPECT_EQ(rangeFailure(c.minX, c.minY, c.maxX, c.maxY), "Too many tiles requested: " + c.count) << c.count;
+    EXPECT_EQ(rangeFailure(0, 0, 1023, 1), "<no error>");
+    EXPECT_EQ(rangeFailure(high, high, low, low), "<no error>");
+
+    // A box that was never set spans ±1.8e308: no list, no mosaic.
+    Core::Ptr<Tellar::Interfaces::IBoundingBox2d> unset;
+    ASSERT_TRUE(TellarSpatial_CreateBoundingBox2d(unset.ReceiveAddress(), nullptr));
+    const std::string refused = "Too many tiles requested: ";
+    Core::Ptr<Data::Interfaces::IObjectList> list;
+    Core::Ptr<Core::IErrorCode> error;
+    EXPECT_FALSE(service->GetTilesForBox(0, unset.Raw(), list.ReceiveAddress(), error.ReceiveAddress()));
+    EXPECT_EQ(TextOf(error).substr(0, refused.size()), refused) << TextOf(error);
+    for (const bool bestEffort : {false, true}) {
+        const std::string failure = GetMosaic(*service, 0, unset.Raw(), bestEffort).failure;
+        EXPECT_EQ(failure.substr(0, refused.size()), refused) << failure;
+    }
+    // Lon 0..90, lat 0..66.5 at zoom 13: columns 4096..6143, rows 2048..4095.
+    auto quarter = Box(0.01, 0.01, 89.99, 66.5);
+    EXPECT_EQ(GetMosaic(*service, 13, quarter.Raw()).failure, refused + "4194304");
+}
+
 TEST(TileRequests, BoxesAreReadInTheCallersCrs) {
     TestSupport::TileServer server;
     const std::vector<std::pair<int64_t, int64_t>> expected = {{16, 10}, {16, 11}, {16, 12}};

@@ -7,6 +7,7 @@
 //   /xyz/...              a 256-pixel tile of one colour: red x, green y, blue z (each mod 256)
 //   /x512/..., /x200/...  the same, 512 or 200 pixels wide   /hole/...   /xyz/, but 404 where x == y
 //   /grow/...             /xyz/, but 512 pixels wide in odd columns
+//   /ramp/...             a 256-pixel RGBA tile: red the pixel's column, green its row, blue 8x + y
 #include <httplib.h>
 #include <sys/socket.h>
 
@@ -25,6 +26,18 @@ inline std::string SolidPngTile(int size, uint8_t red, uint8_t green, uint8_t bl
     layout.width = layout.height = size;
     layout.colorType = 2; // RGB
     for (int i = 0; i < size * size; ++i) layout.rows.insert(layout.rows.end(), {red, green, blue});
+    const TestImages::Bytes bytes = TestImages::EncodePng(layout);
+    return std::string(bytes.begin(), bytes.end());
+}
+
+// A tile whose every pixel tells where it lies: red the column, green the row, blue the tile.
+inline std::string RampPngTile(int x, int y) {
+    TestImages::PngLayout layout;
+    layout.width = layout.height = 256;
+    layout.colorType = 6; // RGBA
+    for (int row = 0; row < 256; ++row)
+        for (int column = 0; column < 256; ++column)
+            layout.rows.insert(layout.rows.end(), {uint8_t(column), uint8_t(row), uint8_t(8 * x + y), 255});
     const TestImages::Bytes bytes = TestImages::EncodePng(layout);
     return std::string(bytes.begin(), bytes.end());
 }
@@ -49,6 +62,8 @@ public:
                 res.set_content("<error/>", "text/xml");
             } else if (kind == "empty" || kind == "bad") {
                 res.set_content(kind == "bad" ? "not an image at all" : "", "image/png");
+            } else if (kind == "ramp") {
+                res.set_content(RampPngTile(x, y), "image/png");
             } else if (kind == "t" || kind == "slow") {
                 res.set_content(png_, "image/png");
             } else {

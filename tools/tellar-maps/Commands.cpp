@@ -2,11 +2,13 @@
 
 #include <fmt/core.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <stdexcept>
+#include <string_view>
 #include <vector>
 
 #include "Data/Interfaces/IObjectList.h"
@@ -63,6 +65,59 @@ std::vector<double> Transform(TellarImaging::ITiffImage* image) {
     std::vector<double> p(6);
     transform->GetParams(&p[0], &p[1], &p[2], &p[3], &p[4], &p[5]);
     return p;
+}
+
+// Whether the library refused a tile list for holding too many tiles.
+bool TooManyTiles(const Ptr<IErrorCode>& error) {
+    constexpr std::string_view refusal = "Too many tiles requested";
+    return error.Raw() && std::string_view(error->GetMessage(), error->GetMessageLength()).starts_with(refusal);
+}
+
+struct TileSpan {
+    int64_t minX, minY, maxX, maxY;
+    bool Holds(int64_t x, int64_t y) const { return x >= minX && x <= maxX && y >= minY && y <= maxY; }
+};
+
+// Calls visit(list, index) for every tile of `bbox` at `zoom` once. A box whose list the library
+// refuses as too large is cut into quarters until each part's list is allowed; a tile on the
+// edge between two parts is in both lists and is visited with the first. `part(n)` is told the
+// size of each list before its tiles.
+template <class Part, class Visit>
+void ForEachTileOfLevel(IMapService* service, int32_t zoom, const std::array<double, 4>& bbox, Part&& part,
+                        Visit&& visit) {
+    std::vector<TileSpan> done;
+    std::vector<std::array<double, 4>> pending{bbox};
+    while (!pending.empty()) {
+        const std::array<double, 4> box = pending.back();
+        pending.pop_back();
+        Ptr<Data::Interfaces::IObjectList> list;
+        Ptr<IErrorCode> error;
+        if (!service->GetTilesForBox(zoom, MakeBox(box).Raw(), list.ReceiveAddress(), error.ReceiveAddress())) {
+            const double midX = box[0] / 2 + box[2] / 2, midY = box[1] / 2 + box[3] / 2;
+            const bool splits = (midX != box[0] && midX != box[2]) || (midY != box[1] && midY != box[3]);
+            if (!TooManyTiles(error) || !splits)
+                throw LibraryFailure(error.Raw() ? std::string(error->GetMessage(), error->GetMessageLength())
+                                                 : "the library failed without saying why");
+            // Taken back to front: the first part is the one of the lowest x and y.
+            pending.push_back({midX, midY, box[2], box[3]});
+            pending.push_back({box[0], midY, midX, box[3]});
+            pending.push_back({midX, box[1], box[2], midY});
+            pending.push_back({box[0], box[1], midX, midY});
+            continue;
+        }
+        const uint64_t count = list->GetCount();
+        part(count);
+        TileSpan span{INT64_MAX, INT64_MAX, INT64_MIN, INT64_MIN};
+        for (uint64_t i = 0; i < count; ++i) {
+            ITileRequest* request = RequestAt(list.Raw(), i);
+            const int64_t x = request->GetX(), y = request->GetY();
+            span = {std::min(span.minX, x), std::min(span.minY, y), std::max(span.maxX, x), std::max(span.maxY, y)};
+            const bool seen =
+                std::any_of(done.begin(), done.end(), [&](const TileSpan& other) { return other.Holds(x, y); });
+            visit(request, i, seen);
+        }
+        if (count) done.push_back(span);
+    }
 }
 
 } // namespace
@@ -160,23 +215,34 @@ JsonObject RunSeed(IMapService* service, const std::array<double, 4>& bbox, int3
                    Progress& progress) {
     int64_t tiles = 0, fetched = 0, cached = 0, failed = 0;
     for (int32_t zoom = minZoom; zoom <= maxZoom; ++zoom) {
-        const auto list = TilesForBox(service, zoom, bbox);
-        const uint64_t count = list->GetCount();
-        const std::string label = fmt::format("zoom {}", zoom);
-        for (uint64_t i = 0; i < count; ++i) {
-            Ptr<ITileResponse> response;
-            Ptr<IErrorCode> error;
-            if (!RequestAt(list.Raw(), i)->GetResponse(response.ReceiveAddress(), error.ReceiveAddress()) ||
-                !response.Raw()) {
-                ++failed;
-            } else if (Platform::Interfaces::IHttpResponse* http = response->GetHttpResponse()) {
-                ++(http->GetStatusCode() == 200 ? fetched : failed);
-            } else {
-                ++cached;
-            }
-            progress.Update(label, i + 1, count);
-        }
-        tiles += static_cast<int64_t>(count);
+        // A level too large for one list comes in parts, each with a bar of its own.
+        std::string label;
+        int parts = 0;
+        uint64_t count = 0;
+        ForEachTileOfLevel(
+            service, zoom, bbox,
+            [&](uint64_t size) {
+                count = size;
+                label = ++parts == 1 ? fmt::format("zoom {}", zoom) : fmt::format("zoom {} part {}", zoom, parts);
+            },
+            [&](ITileRequest* request, uint64_t index, bool seen) {
+                if (seen) {
+                    // Already taken with an earlier part; its download here is not waited for.
+                    request->Cancel();
+                } else {
+                    Ptr<ITileResponse> response;
+                    Ptr<IErrorCode> error;
+                    if (!request->GetResponse(response.ReceiveAddress(), error.ReceiveAddress()) || !response.Raw()) {
+                        ++failed;
+                    } else if (Platform::Interfaces::IHttpResponse* http = response->GetHttpResponse()) {
+                        ++(http->GetStatusCode() == 200 ? fetched : failed);
+                    } else {
+                        ++cached;
+                    }
+                    ++tiles;
+                }
+                progress.Update(label, index + 1, count);
+            });
     }
     progress.Finish();
 

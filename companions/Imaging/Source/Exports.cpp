@@ -1,4 +1,11 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <stdexcept>
@@ -55,6 +62,71 @@ Core::Ptr<ITiffImage2> CopyToTiff(IImage* image) {
     }
     return NewTiffImage(std::move(raster), metadata);
 }
+
+// Where a save writes. A regular file, or one that does not exist yet, is written under a
+// temporary name beside it and renamed over it once complete, so a failed save leaves the old
+// file as it was and removes only its own temporary file. Anything else (a device, a pipe) is
+// written in place and never removed.
+class SaveTarget {
+public:
+    SaveTarget(const char* path, const char* kind) : target_(FollowLinks(path)) {
+        struct stat status {};
+        const bool exists = ::stat(target_.c_str(), &status) == 0;
+        if (exists && !S_ISREG(status.st_mode)) {
+            path_ = target_;
+            return;
+        }
+        static std::atomic<uint64_t> counter{0};
+        const size_t slash = target_.rfind('/');
+        const std::string directory = slash == std::string::npos ? std::string() : target_.substr(0, slash + 1);
+        const std::string base = slash == std::string::npos ? target_ : target_.substr(slash + 1);
+        for (int attempt = 0;; ++attempt) {
+            std::string name = fmt::format("{}.{}.{}-{}.tmp", directory, base, ::getpid(), counter++);
+            const int fd = ::open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+            if (fd >= 0) {
+                // A replaced file keeps its permissions; a new one gets the umask's.
+                if (exists) ::fchmod(fd, status.st_mode & 07777);
+                ::close(fd);
+                path_ = temporary_ = std::move(name);
+                return;
+            }
+            if (errno != EEXIST || attempt == 100)
+                throw std::runtime_error(
+                    fmt::format("Failed to create {} file {}: {}", kind, path, std::strerror(errno)));
+        }
+    }
+    ~SaveTarget() {
+        if (!temporary_.empty()) ::unlink(temporary_.c_str());
+    }
+    SaveTarget(const SaveTarget&) = delete;
+    SaveTarget& operator=(const SaveTarget&) = delete;
+
+    // The file the encoder writes.
+    const std::string& Path() const { return path_; }
+
+    void Commit() {
+        if (temporary_.empty()) return;
+        if (::rename(temporary_.c_str(), target_.c_str()) != 0)
+            throw std::runtime_error(fmt::format("Failed to replace {}: {}", target_, std::strerror(errno)));
+        temporary_.clear();
+    }
+
+private:
+    // A symbolic link stays a link: the file it names is the one replaced.
+    static std::string FollowLinks(const char* path) {
+        struct stat status {};
+        if (::lstat(path, &status) != 0 || !S_ISLNK(status.st_mode)) return path;
+        char* resolved = ::realpath(path, nullptr);
+        if (!resolved) return path;
+        std::string result(resolved);
+        std::free(resolved);
+        return result;
+    }
+
+    std::string target_;
+    std::string path_;
+    std::string temporary_;
+};
 
 } // namespace
 
@@ -141,13 +213,13 @@ bool TellarImaging_SaveImage(IImage* image, const char* path, int32_t format, Co
             Core::ThrowIfNull(path);
             if (format != ImageFileFormatPng && format != ImageFileFormatTiff)
                 throw std::runtime_error(fmt::format("Unknown image file format {}", format));
-            try {
-                if (format == ImageFileFormatPng) EncodePng(image, path);
-                else EncodeTiff(image, path);
-            } catch (...) {
-                std::remove(path); // no half-written file stays behind
-                throw;
-            }
+            const bool png = format == ImageFileFormatPng;
+            SaveTarget target(path, png ? "PNG" : "TIFF");
+            if (png)
+                EncodePng(image, target.Path(), path);
+            else
+                EncodeTiff(image, target.Path(), path);
+            target.Commit();
         },
         ppError);
 }

@@ -5,11 +5,14 @@
 // Writing uses the simplified API, which handles its errors inside.
 #include <png.h>
 
+#include <cerrno>
 #include <csetjmp>
 #include <cstdio>
 #include <cstring>
 #include <stdexcept>
 #include <string>
+
+#include <fmt/format.h>
 
 #include "Codecs.h"
 
@@ -114,7 +117,7 @@ Raster DecodePng(const uint8_t* data, size_t size) {
     return raster;
 }
 
-void EncodePng(IImage* image, const std::string& path) {
+void EncodePng(IImage* image, const std::string& path, const std::string& name) {
     const int32_t samples = image->GetSamplesPerPixel();
     if (image->GetBitsPerSample() != 8 || samples < 1 || samples > 4)
         throw std::runtime_error("PNG needs 8 bits per sample and 1 to 4 samples");
@@ -126,8 +129,18 @@ void EncodePng(IImage* image, const std::string& path) {
     if (png.image.width == 0 || png.image.height == 0) throw std::runtime_error("PNG can't hold an empty image");
     // Rows are packed, so the first pixel addresses the whole buffer.
     const void* pixels = image->GetPixelPointer(0, 0);
-    if (!png_image_write_to_file(&png.image, path.c_str(), 0, pixels, 0, nullptr))
-        throw std::runtime_error(std::string("Failed to write PNG file ") + path + ": " + png.image.message);
+    // Through a stream of our own: libpng's file writer removes the path when it fails, and the
+    // path may be a device.
+    std::FILE* file = std::fopen(path.c_str(), "wb");
+    if (!file) throw std::runtime_error(fmt::format("Failed to create PNG file {}: {}", name, std::strerror(errno)));
+    const bool written = png_image_write_to_stdio(&png.image, file, 0, pixels, 0, nullptr) != 0;
+    const bool flushed = written && std::fflush(file) == 0;
+    const int flushError = errno;
+    const bool closed = std::fclose(file) == 0;
+    if (!written) throw std::runtime_error(fmt::format("Failed to write PNG file {}: {}", name, png.image.message));
+    if (!flushed || !closed)
+        throw std::runtime_error(
+            fmt::format("Failed to write PNG file {}: {}", name, std::strerror(flushed ? errno : flushError)));
 }
 
 } // namespace TellarImaging::impl

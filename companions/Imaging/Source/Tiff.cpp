@@ -240,13 +240,28 @@ Core::Ptr<ITiffImage2> DecodeTiff(const uint8_t* data, size_t size) {
     return NewTiffImage(std::move(raster), metadata);
 }
 
-void EncodeTiff(IImage* image, const std::string& path) {
+namespace {
+
+// The sample format a file gets. Mosaics and their crops are marked signed whatever their
+// samples; a picture of 8-bit colour or alpha is unsigned all the same, and samples of 32 or
+// 64 bits can only be floats.
+int32_t StoredSampleKind(int32_t kind, int32_t samples, int32_t bits) {
+    if (kind != SampleKindSigned) return kind;
+    if (bits == 8 && samples >= 2) return SampleKindUnsigned;
+    if (bits == 32 || bits == 64) return SampleKindFloat;
+    return kind;
+}
+
+} // namespace
+
+void EncodeTiff(IImage* image, const std::string& path, const std::string& name) {
     RegisterGeoTiffTags();
     const int32_t width = image->GetWidth(), height = image->GetHeight();
     const int32_t samples = image->GetSamplesPerPixel(), bits = image->GetBitsPerSample();
     auto* tiff = dynamic_cast<ITiffImage2*>(image);
     auto* plainTiff = tiff ? tiff : dynamic_cast<ITiffImage*>(image);
-    int32_t kind = plainTiff ? plainTiff->GetSampleKind() : (bits >= 32 ? SampleKindFloat : SampleKindUnsigned);
+    const int32_t kind = StoredSampleKind(
+        plainTiff ? plainTiff->GetSampleKind() : (bits >= 32 ? SampleKindFloat : SampleKindUnsigned), samples, bits);
     CheckLayout(kind, samples, bits);
     if (width <= 0 || height <= 0) throw std::runtime_error("TIFF can't hold an empty image");
 
@@ -263,7 +278,7 @@ void EncodeTiff(IImage* image, const std::string& path) {
     ErrorState state;
     auto options = Options(&state);
     TiffHandle tif(TIFFOpenExt(path.c_str(), "w", options.get()));
-    if (!tif) throw std::runtime_error(fmt::format("Failed to create TIFF file {}: {}", path, state.message));
+    if (!tif) throw std::runtime_error(fmt::format("Failed to create TIFF file {}: {}", name, state.message));
     TIFF* t = tif.get();
     TIFFSetField(t, TIFFTAG_IMAGEWIDTH, uint32_t(width));
     TIFFSetField(t, TIFFTAG_IMAGELENGTH, uint32_t(height));
@@ -310,10 +325,9 @@ void EncodeTiff(IImage* image, const std::string& path) {
 
     for (int32_t y = 0; y < height; ++y) {
         if (TIFFWriteScanline(t, image->GetPixelPointer(0, y), uint32_t(y), 0) < 0)
-            throw std::runtime_error(fmt::format("Failed to write TIFF file {}: {}", path, state.message));
+            throw std::runtime_error(fmt::format("Failed to write TIFF file {}: {}", name, state.message));
     }
-    if (!TIFFFlush(t))
-        throw std::runtime_error(fmt::format("Failed to write TIFF file {}: {}", path, state.message));
+    if (!TIFFFlush(t)) throw std::runtime_error(fmt::format("Failed to write TIFF file {}: {}", name, state.message));
 }
 
 } // namespace TellarImaging::impl

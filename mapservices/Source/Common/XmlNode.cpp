@@ -1,5 +1,6 @@
 #include "MapServices/Common/XmlNode.h"
 
+#include <algorithm>
 #include <cstring>
 #include <stdexcept>
 
@@ -38,6 +39,61 @@ void AppendChildren(const Element* parent, std::string_view name, bool caseSensi
 }
 
 [[noreturn]] void ThrowMissing() { throw std::runtime_error(AttributeDoesNotExist); }
+
+// rapidxml descends one call per element level; deeper documents are refused before parsing.
+constexpr int MaxElementDepth = 512;
+
+// Skips past the first `end` at or after `at`; the end of the text when there is none.
+size_t SkipPast(std::string_view text, size_t at, std::string_view end) {
+    const size_t found = text.find(end, at);
+    return found == std::string_view::npos ? text.size() : found + end.size();
+}
+
+// Counts element levels the way the parser will meet them: comments, CDATA sections and
+// processing instructions hold no elements, a DOCTYPE ends at the first '>' outside its
+// brackets, a quoted attribute value may hold '>' and "/>", and a self-closing tag opens no level.
+void CheckElementDepth(std::string_view text) {
+    int depth = 0;
+    size_t at = 0;
+    while ((at = text.find('<', at)) != std::string_view::npos) {
+        const std::string_view rest = text.substr(at);
+        if (rest.starts_with("<?")) {
+            at = SkipPast(text, at + 2, "?>");
+        } else if (rest.starts_with("<!--")) {
+            at = SkipPast(text, at + 4, "-->");
+        } else if (rest.starts_with("<![CDATA[")) {
+            at = SkipPast(text, at + 9, "]]>");
+        } else if (rest.starts_with("<!")) {
+            int brackets = 0;
+            for (at += 2; at < text.size() && (text[at] != '>' || brackets > 0); ++at) {
+                if (text[at] == '[')
+                    ++brackets;
+                else if (text[at] == ']' && brackets > 0)
+                    --brackets;
+            }
+            ++at;
+        } else if (rest.starts_with("</")) {
+            depth = std::max(0, depth - 1);
+            at = SkipPast(text, at + 2, ">");
+        } else {
+            char quote = 0;
+            bool selfClosing = false;
+            for (++at; at < text.size(); ++at) {
+                const char c = text[at];
+                if (quote) {
+                    if (c == quote) quote = 0;
+                } else if (c == '"' || c == '\'') {
+                    quote = c;
+                } else if (c == '>') {
+                    selfClosing = text[at - 1] == '/';
+                    break;
+                }
+            }
+            ++at;
+            if (!selfClosing && ++depth > MaxElementDepth) throw std::runtime_error("XML nesting too deep");
+        }
+    }
+}
 
 }  // namespace
 
@@ -114,6 +170,7 @@ XmlDocument::XmlDocument(std::string_view text)
     : buffer_(new char[text.size() + 1]), document_(std::make_unique<rapidxml::xml_document<char>>()) {
     if (!text.empty()) std::memcpy(buffer_.get(), text.data(), text.size());
     buffer_[text.size()] = '\0';
+    CheckElementDepth(text);
     document_->parse<rapidxml::parse_default>(buffer_.get());
 }
 

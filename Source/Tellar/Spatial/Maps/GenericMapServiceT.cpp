@@ -2,6 +2,10 @@
 
 #include <cmath>
 #include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <fmt/format.h>
 
 #include "Core/AbiGuard.h"
 #include "Core/TypeName.h"
@@ -51,6 +55,38 @@ void ForEachTile(const TileRange& range, F&& f) {
         }
         if (x == range.maxX) break;
     }
+}
+
+// The most tiles one list or mosaic may hold; an unset box (±1.8e308) would ask for 2^128.
+constexpr uint64_t MaxTiles = 1048576;
+
+// The product of two decimal numbers, in decimal.
+std::string DecimalProduct(const std::string& a, const std::string& b) {
+    std::vector<int> digits(a.size() + b.size(), 0);
+    for (size_t i = 0; i < a.size(); ++i)
+        for (size_t j = 0; j < b.size(); ++j) digits[i + j + 1] += (a[i] - '0') * (b[j] - '0');
+    for (size_t k = digits.size() - 1; k > 0; --k) {
+        digits[k - 1] += digits[k] / 10;
+        digits[k] %= 10;
+    }
+    std::string text;
+    for (const int digit : digits)
+        if (!text.empty() || digit != 0) text += static_cast<char>('0' + digit);
+    return text.empty() ? "0" : text;
+}
+
+// Refuses a range of more than MaxTiles tiles. A side spans up to 2^64 tiles, so the count
+// can pass every integer type and its text is worked out in decimal.
+void CheckTileCount(const TileRange& range) {
+    if (range.minX > range.maxX || range.minY > range.maxY) return;
+    // A side's length less one is exact in uint64 however far apart its ends lie.
+    const uint64_t columns = static_cast<uint64_t>(range.maxX) - static_cast<uint64_t>(range.minX);
+    const uint64_t rows = static_cast<uint64_t>(range.maxY) - static_cast<uint64_t>(range.minY);
+    if (columns < MaxTiles && rows < MaxTiles && (columns + 1) * (rows + 1) <= MaxTiles) return;
+    const auto side = [](uint64_t lessOne) {
+        return lessOne == UINT64_MAX ? std::string("18446744073709551616") : std::to_string(lessOne + 1);
+    };
+    throw std::runtime_error(fmt::format("Too many tiles requested: {}", DecimalProduct(side(columns), side(rows))));
 }
 
 // x + 1 without overflow at the top of the range: it wraps, as the tile arithmetic always has.
@@ -201,6 +237,7 @@ Core::Ptr<Tellar::Interfaces::ITileRequest> GenericMapServiceT<I>::MakeTileReque
 
 template <class I>
 Core::Ptr<Data::Interfaces::IObjectList> GenericMapServiceT<I>::MakeTileList(int32_t zoom, const TileRange& range) {
+    CheckTileCount(range);
     Data::ObjectList list = Data::ObjectList::Create();
     ForEachTile(range, [&](int64_t x, int64_t y) {
         Core::Ptr<Tellar::Interfaces::ITileRequest> request = MakeTileRequest(zoom, x, y);
@@ -272,7 +309,7 @@ TellarImaging::ITiffImage* GenericMapServiceT<I>::MakeMosaic(int32_t zoom, const
     for (uint64_t i = 0; i < list->GetCount(); ++i) take(*dynamic_cast<ITileRequest*>(list->GetItem(i)));
 
     const uint32_t serviceEpsg = serviceCrs_->GetEpsgCode();
-    Core::Ptr<TellarImaging::IImage> image = ComposeMosaic(range, responses, serviceEpsg);
+    Core::Ptr<TellarImaging::IImage> image = ComposeMosaic(range, responses, serviceEpsg, zoom);
     if (transformation_.transformation.Raw()) {
         const CrsTransformationHolder toTarget(serviceCrs_, targetCrs_);
         const TellarImaging::ImageBase reprojected = TellarImaging::CreateImageBase(

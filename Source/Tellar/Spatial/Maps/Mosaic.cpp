@@ -2,14 +2,16 @@
 
 #include <algorithm>
 #include <atomic>
-#include <exception>
-#include <thread>
 #include <cmath>
 #include <cstring>
+#include <exception>
+#include <numbers>
+#include <thread>
 
 #include "Core/AbiGuard.h"
 #include "Core/Checked.h"
 #include "Private/Spatial/Raster/ImageBase.h"
+#include "TellarImaging/Exports.h"
 #include "TellarImaging/ITransform.h"
 
 namespace Tellar::Spatial::Maps::impl {
@@ -20,6 +22,8 @@ using TellarImaging::IImage;
 using TellarImaging::ImageBase;
 using TellarImaging::ITiffImage;
 using TellarImaging::ITransform;
+
+constexpr double WebMercatorRadius = 6378137.0;
 
 // Tiles a decoding thread takes in one batch; a thread is worth starting for that many.
 constexpr size_t TilesPerThread = 16;
@@ -117,13 +121,24 @@ double Clamp(double value, double low, double high) {
 
 Core::Ptr<ITiffImage> ComposeMosaic(const MapServices::TileRange& range,
                                     const std::vector<Core::Ptr<Tellar::Interfaces::ITileResponse>>& responses,
-                                    uint32_t epsgCode) {
+                                    uint32_t epsgCode, int32_t zoom) {
     Tellar::Interfaces::ITileResponse& first = *Core::At(responses, 0);
     const ImageBase firstImage = TellarImaging::ToTiffImageBase(DecodeTile(first).Raw());
     const int32_t scale = firstImage.image->GetWidth() / 256;
 
     Core::Ptr<ITransform> transform;
-    {
+    if (epsgCode == 3857 && scale > 0) {
+        // Web-Mercator metres of the range's north-west corner: 2^zoom tiles span 2πR from -πR.
+        const double world = 2.0 * std::numbers::pi * WebMercatorRadius;
+        const double tiles = std::pow(2.0, zoom);
+        const double pixel = world / tiles / (256.0 * scale);
+        const double west = static_cast<double>(range.minX) / tiles * world - world / 2;
+        const double north = world / 2 - static_cast<double>(range.minY) / tiles * world;
+        Core::Ptr<Core::IErrorCode> error;
+        if (!CreateTransformFromParams(pixel, -pixel, west, north, 0.0, 0.0, transform.ReceiveAddress(),
+                                       error.ReceiveAddress()))
+            Core::ThrowIfError(error);
+    } else {
         Core::Ptr<Core::IErrorCode> error;
         if (!first.GetTransform(transform.ReceiveAddress(), error.ReceiveAddress())) Core::ThrowIfError(error);
     }

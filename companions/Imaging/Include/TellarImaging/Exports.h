@@ -37,6 +37,8 @@ TELLAR_API bool TellarImaging_CreateMultiChannelTiffImage(int32_t width, int32_t
 TELLAR_API bool CreateTransformFromParams(double scaleX, double scaleY, double originX, double originY, double skewX,
                                           double skewY, TellarImaging::ITransform** ppTransform,
                                           Core::IErrorCode** ppError);
-// Writes the image to a file, replacing it.
+// Writes the image to a file, replacing it: a regular file through a temporary file beside it,
+// renamed into place once complete, so a failed save leaves it untouched; a device or a pipe in
+// place.
 TELLAR_API bool TellarImaging_SaveImage(TellarImaging::IImage* image, const char* path, int32_t format,
                                         Core::IErrorCode** ppError);
