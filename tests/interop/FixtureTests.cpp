@@ -228,3 +228,94 @@ TEST_F(MapServerTest, GetCoverageByXmlPostIsRefused) {
 }
 
 }  // namespace
+
+namespace {
+
+class MapCacheTest : public testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        const auto start = std::chrono::steady_clock::now();
+        source = std::make_unique<MapServerFixture>();
+        server = std::make_unique<MapCacheFixture>(*source);
+        std::cout << "MapServer and MapCache fixtures ready in "
+                  << std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start)
+                         .count()
+                  << " ms\n";
+    }
+    static void TearDownTestSuite() {
+        server.reset();
+        source.reset();
+    }
+    void SetUp() override {
+        ASSERT_TRUE(server) << "the MapCache fixture did not start";
+        if (!server->Missing().empty()) GTEST_SKIP() << server->Missing();
+    }
+
+    static std::unique_ptr<MapServerFixture> source;
+    static std::unique_ptr<MapCacheFixture> server;
+};
+std::unique_ptr<MapServerFixture> MapCacheTest::source;
+std::unique_ptr<MapCacheFixture> MapCacheTest::server;
+
+// The pixel of a longitude/latitude in tile (x, y) of level z of an EPSG:3857 grid whose level 0 is
+// one tile of `size` pixels.
+std::pair<int, int> WebMercatorPixel(double lon, double lat, int z, int x, int y, int size) {
+    const double pi = std::acos(-1.0);
+    const double u = lon / 360 + 0.5;                                               // 0..1 west to east
+    const double v = 0.5 - std::log(std::tan(pi / 4 + lat * pi / 360)) / (2 * pi);  // 0..1 north to south
+    const double pixels = double(size) * (1 << z);
+    return {int(u * pixels) - x * size, int(v * pixels) - y * size};
+}
+
+TEST_F(MapCacheTest, WmtsCapabilitiesParseWithEveryGrid) {
+    for (const auto& url : {server->WmtsRestCapabilitiesUrl(), server->WmtsKvpCapabilitiesUrl()}) {
+        SCOPED_TRACE(url);
+        const HttpAnswer answer = HttpGet(url);
+        ASSERT_EQ(answer.status, 200) << answer.body;
+        const MapServices::Wmts::WmtsCapabilities caps(answer.body);
+        ASSERT_EQ(caps.layers.size(), 1u);
+        const auto& layer = caps.layers[0];
+        EXPECT_EQ(layer->identifier, MapCacheFixture::Layer);
+        // The layer's WGS 84 box is the whole world, not the extent of the data.
+        EXPECT_EQ(layer->wgs84Box, (MapServices::BoundingBoxValue{-180, -90, 180, 90}));
+        EXPECT_EQ(layer->currentTileMatrixSet, "GoogleMapsCompatible");
+        ASSERT_EQ(layer->tileMatrixSets.size(), MapCacheFixture::Grids.size());
+        for (const auto& grid : MapCacheFixture::Grids) {
+            SCOPED_TRACE(grid.name);
+            const auto& set = layer->tileMatrixSets.at(grid.name);
+            EXPECT_EQ(set->supportedCrs, fmt::format("urn:ogc:def:crs:EPSG:6.3:{}", grid.epsg));
+            EXPECT_EQ(set->epsgCode, grid.epsg);
+            const auto matrices = set->GetTileMatrices();
+            ASSERT_FALSE(matrices.empty());
+            EXPECT_EQ(matrices[0].tileWidth, grid.tileSize);
+            EXPECT_EQ(matrices[0].matrixWidth, grid.epsg == 4326 ? 2 : 1);
+            // Corners as written: latitude first in EPSG:4326.
+            const double top = grid.epsg == 4326 ? 90 : 20037508.342789;
+            const double left = grid.epsg == 4326 ? -180 : -20037508.342789;
+            EXPECT_EQ(matrices[0].topLeftX, grid.epsg == 4326 ? top : left);
+            EXPECT_EQ(matrices[0].topLeftY, grid.epsg == 4326 ? left : top);
+        }
+    }
+}
+
+// REST and KVP tiles of every grid are PNGs of the grid's tile size, drawn from MapServer.
+TEST_F(MapCacheTest, TilesOfEveryGrid) {
+    const auto& land = MapServerFixture::Leaves[0];
+    for (const auto& grid : MapCacheFixture::Grids) {
+        for (const bool rest : {true, false}) {
+            SCOPED_TRACE(fmt::format("{} {}", grid.name, rest ? "REST" : "KVP"));
+            const std::string url = rest ? server->RestTileUrl(grid.name, 1, 1, 0) : server->KvpTileUrl(grid.name, 1, 1, 0);
+            const HttpAnswer answer = HttpGet(url);
+            ASSERT_EQ(answer.status, 200) << answer.body.substr(0, 400);
+            EXPECT_EQ(answer.contentType, "image/png");
+            const Rgba image = DecodePng(answer.body);
+            EXPECT_EQ(image.width, grid.tileSize);
+            EXPECT_EQ(image.height, grid.tileSize);
+            if (grid.epsg != 3857 || image.width != grid.tileSize) continue;
+            const auto [x, y] = WebMercatorPixel(10, 5, 1, 1, 0, grid.tileSize);
+            EXPECT_EQ(image.At(x, y), land.colour) << x << "," << y;
+        }
+    }
+}
+
+}  // namespace

@@ -543,3 +543,125 @@ std::string MapServerFixture::GetCoverageQuery(const LonLatBox& box, int width, 
 }
 
 }  // namespace InteropTests
+
+// ---------------------------------------------------------------------------------------------
+// MapCache
+
+namespace InteropTests {
+
+namespace {
+
+// The resolutions of an EPSG:3857 grid whose level 0 is one tile of `tileSize` pixels.
+std::string WebMercatorResolutions(int tileSize, int levels) {
+    constexpr double WorldWidth = 2 * 20037508.342789244;
+    std::string text;
+    for (int z = 0; z < levels; ++z) text += fmt::format("{}{:.10f}", z ? " " : "", WorldWidth / tileSize / (1 << z));
+    return text;
+}
+
+}  // namespace
+
+MapCacheFixture::MapCacheFixture(const MapServerFixture& source) {
+    if (!IsExecutable(Program)) {
+        missing_ = fmt::format("{} is not installed ({} not found)", Package, Program);
+        return;
+    }
+    if (!source.Missing().empty()) {
+        missing_ = source.Missing();
+        return;
+    }
+    const auto& dir = dir_.Path();
+    std::filesystem::create_directories(dir / "cache");
+    std::filesystem::create_directories(dir / "locks");
+
+    const std::string config = fmt::format(R"(<?xml version="1.0" encoding="UTF-8"?>
+<mapcache>
+  <metadata>
+    <title>Interop MapCache</title>
+  </metadata>
+  <source name="mapserver" type="wms">
+    <getmap>
+      <params>
+        <FORMAT>image/png</FORMAT>
+        <LAYERS>{group}</LAYERS>
+        <TRANSPARENT>TRUE</TRANSPARENT>
+      </params>
+    </getmap>
+    <http>
+      <url>{source}</url>
+      <connection_timeout>10</connection_timeout>
+      <timeout>30</timeout>
+    </http>
+  </source>
+  <cache name="disk" type="disk">
+    <base>{dir}/cache</base>
+  </cache>
+  <grid name="g512">
+    <metadata>
+      <title>EPSG:3857 in 512-pixel tiles</title>
+    </metadata>
+    <srs>EPSG:3857</srs>
+    <units>m</units>
+    <size>512 512</size>
+    <extent>-20037508.342789244 -20037508.342789244 20037508.342789244 20037508.342789244</extent>
+    <resolutions>{resolutions}</resolutions>
+  </grid>
+  <format name="PNG" type="PNG">
+    <compression>fast</compression>
+  </format>
+  <tileset name="{layer}">
+    <source>mapserver</source>
+    <cache>disk</cache>
+    <grid>GoogleMapsCompatible</grid>
+    <grid>g512</grid>
+    <grid>WGS84</grid>
+    <format>PNG</format>
+    <metatile>1 1</metatile>
+    <metabuffer>0</metabuffer>
+  </tileset>
+  <default_format>PNG</default_format>
+  <service type="wmts" enabled="true"/>
+  <service type="tms" enabled="true"/>
+  <errors>report</errors>
+  <locker type="disk">
+    <directory>{dir}/locks</directory>
+  </locker>
+  <threaded_fetching>false</threaded_fetching>
+</mapcache>
+)",
+                                           fmt::arg("group", MapServerFixture::GroupLayer),
+                                           fmt::arg("source", source.Url()), fmt::arg("dir", dir.string()),
+                                           fmt::arg("resolutions", WebMercatorResolutions(512, 8)),
+                                           fmt::arg("layer", Layer));
+    WriteFile(dir / "mapcache.xml", config);
+
+    server_ = std::make_unique<CgiServer>("mapcache", Program);
+    server_->SetEnvironment({"MAPCACHE_CONFIG_FILE=" + (dir / "mapcache.xml").string()});
+    server_->Start();
+
+    const HttpAnswer answer = HttpGet(WmtsRestCapabilitiesUrl());
+    if (answer.status != 200 || answer.body.find("<Capabilities") == std::string::npos)
+        throw std::runtime_error(fmt::format("MapCache does not answer: {} {}", answer.status, answer.body));
+}
+
+MapCacheFixture::~MapCacheFixture() = default;
+
+std::string MapCacheFixture::Url() const { return server_ ? server_->Url() : std::string(); }
+
+std::string MapCacheFixture::WmtsRestCapabilitiesUrl() const { return Url() + "/wmts/1.0.0/WMTSCapabilities.xml"; }
+
+std::string MapCacheFixture::WmtsKvpCapabilitiesUrl() const {
+    return Url() + "/wmts?SERVICE=WMTS&REQUEST=GetCapabilities&VERSION=1.0.0";
+}
+
+std::string MapCacheFixture::RestTileUrl(const std::string& grid, int z, int x, int y) const {
+    return Url() + fmt::format("/wmts/1.0.0/{}/default/{}/{}/{}/{}.png", Layer, grid, z, y, x);
+}
+
+std::string MapCacheFixture::KvpTileUrl(const std::string& grid, int z, int x, int y) const {
+    return Url() + fmt::format("/wmts?SERVICE=WMTS&REQUEST=GetTile&VERSION=1.0.0&LAYER={}&STYLE=default"
+                               "&FORMAT=image/png&TILEMATRIXSET={}&TILEMATRIX={}&TILEROW={}&TILECOL={}",
+                               Layer, grid, z, y, x);
+}
+
+}  // namespace InteropTests
