@@ -319,3 +319,84 @@ TEST_F(MapCacheTest, TilesOfEveryGrid) {
 }
 
 }  // namespace
+
+namespace {
+
+class MapProxyTest : public testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        const auto start = std::chrono::steady_clock::now();
+        source = std::make_unique<MapServerFixture>();
+        server = std::make_unique<MapProxyFixture>(*source);
+        std::cout << "MapServer and MapProxy fixtures ready in "
+                  << std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start)
+                         .count()
+                  << " ms\n";
+    }
+    static void TearDownTestSuite() {
+        server.reset();
+        source.reset();
+    }
+    void SetUp() override {
+        ASSERT_TRUE(server) << "the MapProxy fixture did not start";
+        if (!server->Missing().empty()) GTEST_SKIP() << server->Missing();
+    }
+
+    static std::unique_ptr<MapServerFixture> source;
+    static std::unique_ptr<MapProxyFixture> server;
+};
+std::unique_ptr<MapServerFixture> MapProxyTest::source;
+std::unique_ptr<MapProxyFixture> MapProxyTest::server;
+
+TEST_F(MapProxyTest, WmsCapabilitiesAndGetMap) {
+    const HttpAnswer caps = HttpGet(server->WmsCapabilitiesUrl());
+    ASSERT_EQ(caps.status, 200) << caps.body;
+    const MapServices::Wms::WmsCapabilities wms(caps.body);
+    const auto layer = wms.GetLayer(MapProxyFixture::Layer);
+    ASSERT_TRUE(layer);
+    for (const std::string crs : {"EPSG:4326", "EPSG:3857"})
+        EXPECT_TRUE(Contains(layer->crsList, crs) || Contains(wms.crsList, crs)) << crs;
+
+    const LonLatBox box = MapServerFixture::MapBox;
+    const HttpAnswer answer = HttpGet(server->GetMapUrl(box, 80, 40));
+    ASSERT_EQ(answer.status, 200);
+    EXPECT_EQ(answer.contentType, "image/png");
+    const Rgba image = DecodePng(answer.body);
+    ASSERT_EQ(image.width, 80) << answer.body.substr(0, 400);
+    for (const auto& leaf : MapServerFixture::Leaves) {
+        const double lon = (leaf.box.minX + leaf.box.maxX) / 2, lat = (leaf.box.minY + leaf.box.maxY) / 2;
+        EXPECT_EQ(PixelAt(image, box, lon, lat), leaf.colour) << leaf.name;
+    }
+}
+
+// MapProxy writes SupportedCRS as "EPSG:3857"; the WMTS reader refuses the whole document.
+TEST_F(MapProxyTest, WmtsCapabilitiesAreRefusedForTheirCrsForm) {
+    for (const auto& url : {server->WmtsRestCapabilitiesUrl(), server->WmtsKvpCapabilitiesUrl()}) {
+        SCOPED_TRACE(url);
+        const HttpAnswer answer = HttpGet(url);
+        ASSERT_EQ(answer.status, 200) << answer.body;
+        for (const auto& grid : {MapProxyFixture::WebMercatorGrid, MapProxyFixture::GeodeticGrid})
+            EXPECT_NE(answer.body.find(fmt::format("<ows:Identifier>{}</ows:Identifier>", grid)), std::string::npos)
+                << grid;
+        EXPECT_NE(answer.body.find("<ows:SupportedCRS>EPSG:3857</ows:SupportedCRS>"), std::string::npos);
+        try {
+            const MapServices::Wmts::WmtsCapabilities caps(answer.body);
+            ADD_FAILURE() << "parsed";
+        } catch (const std::runtime_error& e) {
+            EXPECT_STREQ(e.what(),
+                         "Unsupported format! Following format is supported: urn:ogc:def:crs:EPSG::4326");
+        }
+    }
+}
+
+TEST_F(MapProxyTest, WmtsTilesOfEveryGrid) {
+    for (const auto& grid : {MapProxyFixture::WebMercatorGrid, MapProxyFixture::GeodeticGrid}) {
+        const HttpAnswer answer = HttpGet(server->RestTileUrl(grid, 1, 1, 0));
+        ASSERT_EQ(answer.status, 200) << grid << ": " << answer.body.substr(0, 400);
+        const Rgba image = DecodePng(answer.body);
+        EXPECT_EQ(image.width, 256) << grid;
+        EXPECT_EQ(image.height, 256) << grid;
+    }
+}
+
+}  // namespace

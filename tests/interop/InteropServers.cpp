@@ -665,3 +665,142 @@ std::string MapCacheFixture::KvpTileUrl(const std::string& grid, int z, int x, i
 }
 
 }  // namespace InteropTests
+
+// ---------------------------------------------------------------------------------------------
+// MapProxy
+
+namespace InteropTests {
+
+namespace {
+
+constexpr const char* PythonProgram = "/usr/bin/python3";
+constexpr const char* MapProxyModule = "/usr/lib/python3/dist-packages/mapproxy";
+
+// Serves MapProxy's WSGI application on a loopback port the kernel picks, prints the port on the
+// first line of stdout, and ends when its stdin closes, so that it never outlives the test.
+constexpr const char* ServeScript = R"(import os, socketserver, sys, threading
+from wsgiref.simple_server import WSGIRequestHandler, WSGIServer, make_server
+from mapproxy.wsgiapp import make_wsgi_app
+
+class Server(socketserver.ThreadingMixIn, WSGIServer):
+    daemon_threads = True
+
+class Quiet(WSGIRequestHandler):
+    def log_message(self, *args):
+        pass
+
+app = make_wsgi_app(sys.argv[1])
+httpd = make_server('127.0.0.1', 0, app, server_class=Server, handler_class=Quiet)
+
+def watch_stdin():
+    sys.stdin.read()
+    os._exit(0)
+
+threading.Thread(target=watch_stdin, daemon=True).start()
+print(httpd.server_port, flush=True)
+httpd.serve_forever()
+)";
+
+}  // namespace
+
+MapProxyFixture::MapProxyFixture(const MapServerFixture& source) {
+    if (!IsExecutable(PythonProgram) || !std::filesystem::is_directory(MapProxyModule)) {
+        missing_ = fmt::format("{} is not installed ({} not found)", Package, MapProxyModule);
+        return;
+    }
+    if (!source.Missing().empty()) {
+        missing_ = source.Missing();
+        return;
+    }
+    const auto& dir = dir_.Path();
+    const std::string config = fmt::format(R"(services:
+  wms:
+    versions: ['1.3.0']
+    srs: ['EPSG:4326', 'EPSG:3857']
+    md:
+      title: Interop MapProxy
+  wmts:
+    restful: true
+    kvp: true
+    md:
+      title: Interop MapProxy
+
+layers:
+  - name: {layer}
+    title: Basemap
+    sources: [{layer}_cache]
+
+caches:
+  {layer}_cache:
+    grids: [GLOBAL_WEBMERCATOR, {geodetic}]
+    sources: [mapserver]
+    format: image/png
+
+sources:
+  mapserver:
+    type: wms
+    supported_srs: ['EPSG:4326', 'EPSG:3857']
+    wms_opts:
+      version: '1.3.0'
+    http:
+      client_timeout: 30
+    req:
+      url: {source}
+      layers: {group}
+      transparent: true
+
+grids:
+  {geodetic}:
+    base: GLOBAL_GEODETIC
+    origin: nw
+
+globals:
+  cache:
+    base_dir: {dir}/cache
+    lock_dir: {dir}/locks
+    tile_lock_dir: {dir}/tile_locks
+)",
+                                           fmt::arg("layer", Layer), fmt::arg("source", source.Url()),
+                                           fmt::arg("group", MapServerFixture::GroupLayer),
+                                           fmt::arg("dir", dir.string()), fmt::arg("geodetic", GeodeticGrid));
+    WriteFile(dir / "mapproxy.yaml", config);
+    WriteFile(dir / "serve.py", ServeScript);
+
+    process_ = std::make_unique<ChildProcess>(
+        std::vector<std::string>{PythonProgram, (dir / "serve.py").string(), (dir / "mapproxy.yaml").string()},
+        std::vector<std::string>{"PYTHONDONTWRITEBYTECODE=1"});
+    const std::string line = process_->ReadLine(std::chrono::seconds(20));
+    port_ = std::atoi(line.c_str());
+    if (port_ <= 0) throw std::runtime_error(fmt::format("MapProxy gave no port: {} {}", line, process_->Errors()));
+
+    const HttpAnswer answer = HttpGet(WmsCapabilitiesUrl());
+    if (answer.status != 200 || answer.body.find("<WMS_Capabilities") == std::string::npos)
+        throw std::runtime_error(
+            fmt::format("MapProxy does not answer: {} {} {}", answer.status, answer.body, process_->Errors()));
+}
+
+MapProxyFixture::~MapProxyFixture() = default;
+
+std::string MapProxyFixture::Url() const { return port_ ? fmt::format("http://127.0.0.1:{}", port_) : std::string(); }
+
+std::string MapProxyFixture::WmsCapabilitiesUrl() const {
+    return Url() + "/service?SERVICE=WMS&REQUEST=GetCapabilities&VERSION=1.3.0";
+}
+
+std::string MapProxyFixture::WmtsRestCapabilitiesUrl() const { return Url() + "/wmts/1.0.0/WMTSCapabilities.xml"; }
+
+std::string MapProxyFixture::WmtsKvpCapabilitiesUrl() const {
+    return Url() + "/service?SERVICE=WMTS&REQUEST=GetCapabilities&VERSION=1.0.0";
+}
+
+std::string MapProxyFixture::RestTileUrl(const std::string& grid, int z, int x, int y) const {
+    return Url() + fmt::format("/wmts/{}/{}/{:02}/{}/{}.png", Layer, grid, z, x, y);
+}
+
+std::string MapProxyFixture::GetMapUrl(const LonLatBox& box, int width, int height) const {
+    return Url() + fmt::format("/service?SERVICE=WMS&REQUEST=GetMap&VERSION=1.3.0&LAYERS={}&STYLES=&CRS=EPSG:4326"
+                               "&BBOX={},{},{},{}&WIDTH={}&HEIGHT={}&FORMAT=image/png",
+                               Layer, box.minY, box.minX, box.maxY, box.maxX, width, height);
+}
+
+}  // namespace InteropTests

@@ -278,15 +278,23 @@ private:
 // MapProxy: WMS 1.3.0 and WMTS 1.0.0, fed with MapServer's WMS
 //
 // One layer "basemap" drawn from the MapServer group "basemap", cached on disk in the fixture's
-// directory on MapProxy's grids "GLOBAL_WEBMERCATOR" (EPSG:3857) and "GLOBAL_GEODETIC"
-// (EPSG:4326), both 256-pixel tiles. The WMS offers EPSG:4326 and EPSG:3857.
+// directory on two grids of 256-pixel tiles: MapProxy's "GLOBAL_WEBMERCATOR" (EPSG:3857) and
+// "GEODETIC_NW" (EPSG:4326, MapProxy's GLOBAL_GEODETIC with its origin moved to the north-west
+// corner; the WMTS service leaves out grids whose origin is in the south).
+// The WMS offers EPSG:4326 and EPSG:3857.
 //   WMS   <Url()>/service?SERVICE=WMS&...
 //   WMTS  <Url()>/wmts/1.0.0/WMTSCapabilities.xml (REST),
-//         <Url()>/service?SERVICE=WMTS&REQUEST=GetCapabilities (KVP)
+//         <Url()>/service?SERVICE=WMTS&REQUEST=GetCapabilities (KVP),
+//         tiles <Url()>/wmts/basemap/<grid>/<zz>/<x>/<y>.png (column before row; the matrix
+//         identifiers are the level in two digits, "00", "01", ...)
+// The SupportedCRS of its sets is written "EPSG:3857" / "EPSG:4326", which the WMTS reader
+// refuses; the EPSG:4326 TopLeftCorner is written latitude first ("90.0 -180.0").
 class MapProxyFixture {
 public:
     static constexpr const char* Package = "mapproxy";
     static constexpr const char* Layer = "basemap";
+    static constexpr const char* WebMercatorGrid = "GLOBAL_WEBMERCATOR";
+    static constexpr const char* GeodeticGrid = "GEODETIC_NW";
 
     explicit MapProxyFixture(const MapServerFixture& source);
     ~MapProxyFixture();
@@ -298,6 +306,7 @@ public:
     std::string WmsCapabilitiesUrl() const;
     std::string WmtsRestCapabilitiesUrl() const;
     std::string WmtsKvpCapabilitiesUrl() const;
+    std::string RestTileUrl(const std::string& grid, int z, int x, int y) const;
     // A WMS 1.3.0 GetMap of the layer in EPSG:4326 as PNG.
     std::string GetMapUrl(const LonLatBox& box, int width, int height) const;
     const std::filesystem::path& Directory() const { return dir_.Path(); }
