@@ -1,7 +1,7 @@
 // The interop fixtures against plain HTTP and the project's capabilities readers: each server
 // starts, serves the data it was given, and its documents are what the readers make of them.
-#include <gtest/gtest.h>
 #include <fmt/format.h>
+#include <gtest/gtest.h>
 #include <png.h>
 
 #include <algorithm>
@@ -23,13 +23,13 @@ using namespace InteropTests;
 
 namespace InteropTests {
 void PrintTo(const Rgb& c, std::ostream* out) { *out << "rgb(" << c.red << "," << c.green << "," << c.blue << ")"; }
-}  // namespace InteropTests
+} // namespace InteropTests
 
 namespace {
 
 struct Rgba {
     int width = 0, height = 0;
-    std::vector<uint8_t> pixels;  // RGBA, rows top down
+    std::vector<uint8_t> pixels; // RGBA, rows top down
 
     Rgb At(int x, int y) const {
         const uint8_t* p = &pixels[(size_t(y) * width + x) * 4];
@@ -86,10 +86,10 @@ protected:
     static void SetUpTestSuite() {
         const auto start = std::chrono::steady_clock::now();
         server = std::make_unique<MapServerFixture>();
-        std::cout << "MapServer fixture ready in "
-                  << std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start)
-                         .count()
-                  << " ms\n";
+        std::cout
+            << "MapServer fixture ready in "
+            << std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count()
+            << " ms\n";
     }
     static void TearDownTestSuite() { server.reset(); }
     void SetUp() override {
@@ -111,7 +111,8 @@ TEST_F(MapServerTest, WmsCapabilitiesListTheLeavesOfTheGroupAndTheTimeDimension)
     for (const auto& leaf : MapServerFixture::Leaves) {
         const auto layer = caps.GetLayer(leaf.name);
         ASSERT_TRUE(layer) << leaf.name;
-        EXPECT_TRUE(Contains(layer->crsList, std::string("EPSG:3857")) || Contains(caps.crsList, std::string("EPSG:3857")));
+        EXPECT_TRUE(Contains(layer->crsList, std::string("EPSG:3857")) ||
+                    Contains(caps.crsList, std::string("EPSG:3857")));
     }
     EXPECT_FALSE(caps.GetLayer(MapServerFixture::Coverage)) << "the grid is offered by WCS only";
 
@@ -181,8 +182,8 @@ TEST_F(MapServerTest, WcsCapabilitiesOfferTheGrid) {
 
 // GetCoverage by GET and by a form-encoded POST return the same Float32 pixels, those of the formula.
 TEST_F(MapServerTest, GetCoverageReturnsTheFormula) {
-    const std::string query = server->GetCoverageQuery(MapServerFixture::GridBox, MapServerFixture::GridColumns,
-                                                       MapServerFixture::GridRows);
+    const std::string query =
+        server->GetCoverageQuery(MapServerFixture::GridBox, MapServerFixture::GridColumns, MapServerFixture::GridRows);
     const struct {
         const char* how;
         HttpAnswer answer;
@@ -195,9 +196,9 @@ TEST_F(MapServerTest, GetCoverageReturnsTheFormula) {
         ASSERT_EQ(c.answer.contentType, "image/tiff") << c.how << ": " << c.answer.body.substr(0, 600);
         const std::string file = (server->Directory() / fmt::format("coverage-{}.tif", c.how)).string();
         std::ofstream(file, std::ios::binary) << c.answer.body;
-        const auto grid = ReadGrid(file, MapServerFixture::GridLeft, MapServerFixture::GridTop,
-                                   MapServerFixture::GridCell, MapServerFixture::GridColumns,
-                                   MapServerFixture::GridRows);
+        const auto grid =
+            ReadGrid(file, MapServerFixture::GridLeft, MapServerFixture::GridTop, MapServerFixture::GridCell,
+                     MapServerFixture::GridColumns, MapServerFixture::GridRows);
         int wrong = 0;
         for (int row = 0; row < MapServerFixture::GridRows; ++row)
             for (int column = 0; column < MapServerFixture::GridColumns; ++column)
@@ -227,7 +228,7 @@ TEST_F(MapServerTest, GetCoverageByXmlPostIsRefused) {
     EXPECT_NE(answer.body.find(MapServerFixture::WcsXmlPostRefusal), std::string::npos) << answer.body;
 }
 
-}  // namespace
+} // namespace
 
 namespace {
 
@@ -237,10 +238,10 @@ protected:
         const auto start = std::chrono::steady_clock::now();
         source = std::make_unique<MapServerFixture>();
         server = std::make_unique<MapCacheFixture>(*source);
-        std::cout << "MapServer and MapCache fixtures ready in "
-                  << std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start)
-                         .count()
-                  << " ms\n";
+        std::cout
+            << "MapServer and MapCache fixtures ready in "
+            << std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count()
+            << " ms\n";
     }
     static void TearDownTestSuite() {
         server.reset();
@@ -261,8 +262,8 @@ std::unique_ptr<MapCacheFixture> MapCacheTest::server;
 // one tile of `size` pixels.
 std::pair<int, int> WebMercatorPixel(double lon, double lat, int z, int x, int y, int size) {
     const double pi = std::acos(-1.0);
-    const double u = lon / 360 + 0.5;                                               // 0..1 west to east
-    const double v = 0.5 - std::log(std::tan(pi / 4 + lat * pi / 360)) / (2 * pi);  // 0..1 north to south
+    const double u = lon / 360 + 0.5;                                              // 0..1 west to east
+    const double v = 0.5 - std::log(std::tan(pi / 4 + lat * pi / 360)) / (2 * pi); // 0..1 north to south
     const double pixels = double(size) * (1 << z);
     return {int(u * pixels) - x * size, int(v * pixels) - y * size};
 }
@@ -304,7 +305,8 @@ TEST_F(MapCacheTest, TilesOfEveryGrid) {
     for (const auto& grid : MapCacheFixture::Grids) {
         for (const bool rest : {true, false}) {
             SCOPED_TRACE(fmt::format("{} {}", grid.name, rest ? "REST" : "KVP"));
-            const std::string url = rest ? server->RestTileUrl(grid.name, 1, 1, 0) : server->KvpTileUrl(grid.name, 1, 1, 0);
+            const std::string url =
+                rest ? server->RestTileUrl(grid.name, 1, 1, 0) : server->KvpTileUrl(grid.name, 1, 1, 0);
             const HttpAnswer answer = HttpGet(url);
             ASSERT_EQ(answer.status, 200) << answer.body.substr(0, 400);
             EXPECT_EQ(answer.contentType, "image/png");
@@ -318,7 +320,7 @@ TEST_F(MapCacheTest, TilesOfEveryGrid) {
     }
 }
 
-}  // namespace
+} // namespace
 
 namespace {
 
@@ -328,10 +330,10 @@ protected:
         const auto start = std::chrono::steady_clock::now();
         source = std::make_unique<MapServerFixture>();
         server = std::make_unique<MapProxyFixture>(*source);
-        std::cout << "MapServer and MapProxy fixtures ready in "
-                  << std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start)
-                         .count()
-                  << " ms\n";
+        std::cout
+            << "MapServer and MapProxy fixtures ready in "
+            << std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count()
+            << " ms\n";
     }
     static void TearDownTestSuite() {
         server.reset();
@@ -383,8 +385,7 @@ TEST_F(MapProxyTest, WmtsCapabilitiesAreRefusedForTheirCrsForm) {
             const MapServices::Wmts::WmtsCapabilities caps(answer.body);
             ADD_FAILURE() << "parsed";
         } catch (const std::runtime_error& e) {
-            EXPECT_STREQ(e.what(),
-                         "Unsupported format! Following format is supported: urn:ogc:def:crs:EPSG::4326");
+            EXPECT_STREQ(e.what(), "Unsupported format! Following format is supported: urn:ogc:def:crs:EPSG::4326");
         }
     }
 }
@@ -399,4 +400,4 @@ TEST_F(MapProxyTest, WmtsTilesOfEveryGrid) {
     }
 }
 
-}  // namespace
+} // namespace

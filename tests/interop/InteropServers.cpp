@@ -1,13 +1,12 @@
 #include "InteropServers.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <fmt/format.h>
 
 #include <cerrno>
 #include <cstring>
@@ -158,7 +157,7 @@ HttpAnswer ToAnswer(const httplib::Result& result) {
     return answer;
 }
 
-}  // namespace
+} // namespace
 
 // ---------------------------------------------------------------------------------------------
 
@@ -169,8 +168,10 @@ ProcessResult RunProcess(const std::vector<std::string>& argv, const std::string
     in.CloseRead();
     out.CloseWrite();
     err.CloseWrite();
-    if (input.empty()) in.CloseWrite();
-    else ::fcntl(in.write, F_SETFL, O_NONBLOCK);
+    if (input.empty())
+        in.CloseWrite();
+    else
+        ::fcntl(in.write, F_SETFL, O_NONBLOCK);
 
     ProcessResult result;
     size_t written = 0;
@@ -195,8 +196,10 @@ ProcessResult RunProcess(const std::vector<std::string>& argv, const std::string
         for (int i = 0; i < 2; ++i) {
             if (!(fds[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
             const ssize_t n = ::read(fds[i].fd, buffer, sizeof buffer);
-            if (n > 0) (i == 0 ? result.out : result.err).append(buffer, size_t(n));
-            else if (n == 0 || errno != EINTR) (i == 0 ? out : err).CloseRead();
+            if (n > 0)
+                (i == 0 ? result.out : result.err).append(buffer, size_t(n));
+            else if (n == 0 || errno != EINTR)
+                (i == 0 ? out : err).CloseRead();
         }
     }
     in.CloseWrite();
@@ -352,9 +355,12 @@ void CgiServer::Answer(const httplib::Request& request, httplib::Response& respo
         const std::string name = line.substr(0, colon);
         std::string value = line.substr(colon + 1);
         value.erase(0, value.find_first_not_of(' '));
-        if (strcasecmp(name.c_str(), "Status") == 0) response.status = std::atoi(value.c_str());
-        else if (strcasecmp(name.c_str(), "Content-Type") == 0) contentType = value;
-        else if (strcasecmp(name.c_str(), "Content-Length") != 0) response.set_header(name.c_str(), value);
+        if (strcasecmp(name.c_str(), "Status") == 0)
+            response.status = std::atoi(value.c_str());
+        else if (strcasecmp(name.c_str(), "Content-Type") == 0)
+            contentType = value;
+        else if (strcasecmp(name.c_str(), "Content-Length") != 0)
+            response.set_header(name.c_str(), value);
     }
     response.set_content(body, contentType.c_str());
 }
@@ -385,10 +391,30 @@ namespace {
 
 // A three-band GeoTIFF of one colour over `box`, `width` by `height` pixels.
 void SolidTiff(const std::filesystem::path& file, const LonLatBox& box, const Rgb& colour, int width, int height) {
-    RunChecked({"gdal_create", "-q", "-of", "GTiff", "-ot", "Byte", "-bands", "3", "-outsize", std::to_string(width),
-                std::to_string(height), "-burn", std::to_string(colour.red), "-burn", std::to_string(colour.green),
-                "-burn", std::to_string(colour.blue), "-a_srs", "EPSG:4326", "-a_ullr", fmt::format("{}", box.minX),
-                fmt::format("{}", box.maxY), fmt::format("{}", box.maxX), fmt::format("{}", box.minY),
+    RunChecked({"gdal_create",
+                "-q",
+                "-of",
+                "GTiff",
+                "-ot",
+                "Byte",
+                "-bands",
+                "3",
+                "-outsize",
+                std::to_string(width),
+                std::to_string(height),
+                "-burn",
+                std::to_string(colour.red),
+                "-burn",
+                std::to_string(colour.green),
+                "-burn",
+                std::to_string(colour.blue),
+                "-a_srs",
+                "EPSG:4326",
+                "-a_ullr",
+                fmt::format("{}", box.minX),
+                fmt::format("{}", box.maxY),
+                fmt::format("{}", box.maxX),
+                fmt::format("{}", box.minY),
                 file.string()});
 }
 
@@ -411,7 +437,7 @@ std::string RasterLayer(const std::string& name, const std::string& group, const
                        name, group.empty() ? "" : fmt::format("GROUP \"{}\"", group), source, title, metadata);
 }
 
-}  // namespace
+} // namespace
 
 MapServerFixture::MapServerFixture() {
     if (!IsExecutable(Program)) {
@@ -460,8 +486,9 @@ MapServerFixture::MapServerFixture() {
       "wms_timeextent" "{},{},{}"
       "wms_timedefault" "{}")",
                                       Days[0].date, Days[1].date, Days[2].date, Days[0].date));
-    layers += RasterLayer(Coverage, {}, "Grid", R"(DATA "grid.tif")",
-                          fmt::format(R"("wms_enable_request" "!*"
+    layers += RasterLayer(
+        Coverage, {}, "Grid", R"(DATA "grid.tif")",
+        fmt::format(R"("wms_enable_request" "!*"
       "wcs_label" "Float32 grid"
       "wcs_rangeset_name" "values"
       "wcs_rangeset_label" "values"
@@ -472,10 +499,10 @@ MapServerFixture::MapServerFixture() {
       "wcs_extent" "{} {} {} {}"
       "wcs_resolution" "{} {}"
       "wcs_size" "{} {}")",
-                                      GridBox.minX, GridBox.minY, GridBox.maxX, GridBox.maxY, GridCell, GridCell,
-                                      GridColumns, GridRows));
+                    GridBox.minX, GridBox.minY, GridBox.maxX, GridBox.maxY, GridCell, GridCell, GridColumns, GridRows));
 
-    const std::string mapfile = fmt::format(R"(MAP
+    const std::string mapfile =
+        fmt::format(R"(MAP
   NAME "{name}"
   EXTENT {minx} {miny} {maxx} {maxy}
   SIZE 256 256
@@ -501,10 +528,9 @@ MapServerFixture::MapServerFixture() {
   END
 {layers}END
 )",
-                                            fmt::arg("name", MapName), fmt::arg("minx", MapBox.minX), fmt::arg("miny", MapBox.minY),
-                                            fmt::arg("maxx", MapBox.maxX), fmt::arg("maxy", MapBox.maxY),
-                                            fmt::arg("dir", dir.string()), fmt::arg("url", server_->Url()),
-                                            fmt::arg("layers", layers));
+                    fmt::arg("name", MapName), fmt::arg("minx", MapBox.minX), fmt::arg("miny", MapBox.minY),
+                    fmt::arg("maxx", MapBox.maxX), fmt::arg("maxy", MapBox.maxY), fmt::arg("dir", dir.string()),
+                    fmt::arg("url", server_->Url()), fmt::arg("layers", layers));
     WriteFile(dir / "interop.map", mapfile);
     WriteFile(dir / "mapserver.conf",
               fmt::format("CONFIG\n  ENV\n    MS_MAPFILE \"{}\"\n  END\nEND\n", (dir / "interop.map").string()));
@@ -530,19 +556,21 @@ std::string MapServerFixture::WcsCapabilitiesUrl() const {
 
 std::string MapServerFixture::GetMapUrl(const std::string& layers, const LonLatBox& box, int width, int height,
                                         const std::string& time) const {
-    return Url() + fmt::format("?SERVICE=WMS&REQUEST=GetMap&VERSION=1.3.0&LAYERS={}&STYLES=&CRS=EPSG:4326"
-                               "&BBOX={},{},{},{}&WIDTH={}&HEIGHT={}&FORMAT=image/png{}",
-                               layers, box.minY, box.minX, box.maxY, box.maxX, width, height,
-                               time.empty() ? "" : "&TIME=" + time);
+    return Url() + fmt::format(
+                       "?SERVICE=WMS&REQUEST=GetMap&VERSION=1.3.0&LAYERS={}&STYLES=&CRS=EPSG:4326"
+                       "&BBOX={},{},{},{}&WIDTH={}&HEIGHT={}&FORMAT=image/png{}",
+                       layers, box.minY, box.minX, box.maxY, box.maxX, width, height,
+                       time.empty() ? "" : "&TIME=" + time);
 }
 
 std::string MapServerFixture::GetCoverageQuery(const LonLatBox& box, int width, int height) const {
-    return fmt::format("SERVICE=WCS&REQUEST=GetCoverage&VERSION=1.0.0&COVERAGE={}&CRS=EPSG:4326"
-                       "&BBOX={},{},{},{}&WIDTH={}&HEIGHT={}&FORMAT=GTiff",
-                       Coverage, box.minX, box.minY, box.maxX, box.maxY, width, height);
+    return fmt::format(
+        "SERVICE=WCS&REQUEST=GetCoverage&VERSION=1.0.0&COVERAGE={}&CRS=EPSG:4326"
+        "&BBOX={},{},{},{}&WIDTH={}&HEIGHT={}&FORMAT=GTiff",
+        Coverage, box.minX, box.minY, box.maxX, box.maxY, width, height);
 }
 
-}  // namespace InteropTests
+} // namespace InteropTests
 
 // ---------------------------------------------------------------------------------------------
 // MapCache
@@ -559,7 +587,7 @@ std::string WebMercatorResolutions(int tileSize, int levels) {
     return text;
 }
 
-}  // namespace
+} // namespace
 
 MapCacheFixture::MapCacheFixture(const MapServerFixture& source) {
     if (!IsExecutable(Program)) {
@@ -574,7 +602,8 @@ MapCacheFixture::MapCacheFixture(const MapServerFixture& source) {
     std::filesystem::create_directories(dir / "cache");
     std::filesystem::create_directories(dir / "locks");
 
-    const std::string config = fmt::format(R"(<?xml version="1.0" encoding="UTF-8"?>
+    const std::string config =
+        fmt::format(R"(<?xml version="1.0" encoding="UTF-8"?>
 <mapcache>
   <metadata>
     <title>Interop MapCache</title>
@@ -629,10 +658,9 @@ MapCacheFixture::MapCacheFixture(const MapServerFixture& source) {
   <threaded_fetching>false</threaded_fetching>
 </mapcache>
 )",
-                                           fmt::arg("group", MapServerFixture::GroupLayer),
-                                           fmt::arg("source", source.Url()), fmt::arg("dir", dir.string()),
-                                           fmt::arg("resolutions", WebMercatorResolutions(512, 8)),
-                                           fmt::arg("layer", Layer));
+                    fmt::arg("group", MapServerFixture::GroupLayer), fmt::arg("source", source.Url()),
+                    fmt::arg("dir", dir.string()), fmt::arg("resolutions", WebMercatorResolutions(512, 8)),
+                    fmt::arg("layer", Layer));
     WriteFile(dir / "mapcache.xml", config);
 
     server_ = std::make_unique<CgiServer>("mapcache", Program);
@@ -659,12 +687,13 @@ std::string MapCacheFixture::RestTileUrl(const std::string& grid, int z, int x, 
 }
 
 std::string MapCacheFixture::KvpTileUrl(const std::string& grid, int z, int x, int y) const {
-    return Url() + fmt::format("/wmts?SERVICE=WMTS&REQUEST=GetTile&VERSION=1.0.0&LAYER={}&STYLE=default"
-                               "&FORMAT=image/png&TILEMATRIXSET={}&TILEMATRIX={}&TILEROW={}&TILECOL={}",
-                               Layer, grid, z, y, x);
+    return Url() + fmt::format(
+                       "/wmts?SERVICE=WMTS&REQUEST=GetTile&VERSION=1.0.0&LAYER={}&STYLE=default"
+                       "&FORMAT=image/png&TILEMATRIXSET={}&TILEMATRIX={}&TILEROW={}&TILECOL={}",
+                       Layer, grid, z, y, x);
 }
 
-}  // namespace InteropTests
+} // namespace InteropTests
 
 // ---------------------------------------------------------------------------------------------
 // MapProxy
@@ -701,7 +730,7 @@ print(httpd.server_port, flush=True)
 httpd.serve_forever()
 )";
 
-}  // namespace
+} // namespace
 
 MapProxyFixture::MapProxyFixture(const MapServerFixture& source) {
     if (!IsExecutable(PythonProgram) || !std::filesystem::is_directory(MapProxyModule)) {
@@ -798,9 +827,10 @@ std::string MapProxyFixture::RestTileUrl(const std::string& grid, int z, int x, 
 }
 
 std::string MapProxyFixture::GetMapUrl(const LonLatBox& box, int width, int height) const {
-    return Url() + fmt::format("/service?SERVICE=WMS&REQUEST=GetMap&VERSION=1.3.0&LAYERS={}&STYLES=&CRS=EPSG:4326"
-                               "&BBOX={},{},{},{}&WIDTH={}&HEIGHT={}&FORMAT=image/png",
-                               Layer, box.minY, box.minX, box.maxY, box.maxX, width, height);
+    return Url() + fmt::format(
+                       "/service?SERVICE=WMS&REQUEST=GetMap&VERSION=1.3.0&LAYERS={}&STYLES=&CRS=EPSG:4326"
+                       "&BBOX={},{},{},{}&WIDTH={}&HEIGHT={}&FORMAT=image/png",
+                       Layer, box.minY, box.minX, box.maxY, box.maxX, width, height);
 }
 
-}  // namespace InteropTests
+} // namespace InteropTests

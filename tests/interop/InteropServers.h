@@ -42,7 +42,7 @@ namespace InteropTests {
 // Processes
 
 struct ProcessResult {
-    int exitCode = -1;  // the exit status, or 128 + the signal that ended it
+    int exitCode = -1; // the exit status, or 128 + the signal that ended it
     bool timedOut = false;
     std::string out;
     std::string err;
@@ -151,7 +151,7 @@ struct SolidLayer {
 
 // One day of the time layer: a raster of one colour over TimeLayerBox.
 struct Day {
-    const char* date;  // ISO 8601 date, as listed in the capabilities' Dimension
+    const char* date; // ISO 8601 date, as listed in the capabilities' Dimension
     Rgb colour;
 };
 
@@ -318,4 +318,4 @@ private:
     int port_ = 0;
 };
 
-}  // namespace InteropTests
+} // namespace InteropTests
