@@ -170,7 +170,8 @@ TEST_F(MapServerTest, WcsCapabilitiesOfferTheGrid) {
     const HttpAnswer answer = HttpGet(server->WcsCapabilitiesUrl());
     ASSERT_EQ(answer.status, 200) << answer.body;
     const MapServices::Wcs::WcsCapabilities caps(answer.body);
-    ASSERT_EQ(caps.layers.size(), 1u);
+    ASSERT_EQ(caps.layers.size(), 2u);
+    EXPECT_EQ(caps.layers[1]->name, MapServerFixture::UtmCoverage);
     const auto& grid = caps.layers[0];
     EXPECT_EQ(grid->name, MapServerFixture::Coverage);
     const LonLatBox& box = MapServerFixture::GridBox;

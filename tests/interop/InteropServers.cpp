@@ -418,8 +418,9 @@ void SolidTiff(const std::filesystem::path& file, const LonLatBox& box, const Rg
                 file.string()});
 }
 
+// A raster layer; every layer names one style, "default", as map servers usually do.
 std::string RasterLayer(const std::string& name, const std::string& group, const std::string& title,
-                        const std::string& source, const std::string& metadata) {
+                        const std::string& source, const std::string& metadata, int epsg = 4326) {
     return fmt::format(R"(
   LAYER
     NAME "{}"
@@ -427,14 +428,51 @@ std::string RasterLayer(const std::string& name, const std::string& group, const
     TYPE RASTER
     STATUS ON
     {}
-    PROJECTION "init=epsg:4326" END
+    PROJECTION "init=epsg:{}" END
     METADATA
       "wms_title" "{}"
+      "wms_style" "default"
+      "wms_style_default_legendurl_href" "http://127.0.0.1/legend.png"
+      "wms_style_default_legendurl_format" "image/png"
+      "wms_style_default_legendurl_width" "16"
+      "wms_style_default_legendurl_height" "16"
       {}
     END
   END
 )",
-                       name, group.empty() ? "" : fmt::format("GROUP \"{}\"", group), source, title, metadata);
+                       name, group.empty() ? "" : fmt::format("GROUP \"{}\"", group), source, epsg, title, metadata);
+}
+
+// An ASCII grid of GridValue over `columns` x `rows` cells, turned into a Float32 GeoTIFF.
+void FloatGrid(const std::filesystem::path& file, int columns, int rows, double left, double top, double cell,
+               int epsg) {
+    std::string grid = fmt::format("ncols {}\nnrows {}\nxllcorner {}\nyllcorner {}\ncellsize {}\n", columns, rows,
+                                   left, top - rows * cell, cell);
+    for (int row = 0; row < rows; ++row) {
+        for (int column = 0; column < columns; ++column)
+            grid += fmt::format("{}{}", column ? " " : "", MapServerFixture::GridValue(column, row));
+        grid += "\n";
+    }
+    const std::filesystem::path ascii = file.string() + ".asc";
+    WriteFile(ascii, grid);
+    RunChecked({"gdal_translate", "-q", "-ot", "Float32", "-a_srs", fmt::format("EPSG:{}", epsg), ascii.string(),
+                file.string()});
+}
+
+std::string CoverageMetadata(const LonLatBox& box, double cell, int columns, int rows, int epsg) {
+    return fmt::format(R"("wms_enable_request" "!*"
+      "wcs_label" "Float32 grid"
+      "wcs_rangeset_name" "values"
+      "wcs_rangeset_label" "values"
+      "wcs_formats" "GTiff"
+      "wcs_nativeformat" "GTiff"
+      "wcs_bandcount" "1"
+      "wcs_imagemode" "FLOAT32"
+      "wcs_srs" "EPSG:{}"
+      "wcs_extent" "{} {} {} {}"
+      "wcs_resolution" "{} {}"
+      "wcs_size" "{} {}")",
+                       epsg, box.minX, box.minY, box.maxX, box.maxY, cell, cell, columns, rows);
 }
 
 } // namespace
@@ -462,17 +500,9 @@ MapServerFixture::MapServerFixture() {
     RunChecked({"ogr2ogr", "-f", "ESRI Shapefile", "-a_srs", "EPSG:4326", (dir / "days.shp").string(),
                 (dir / "days.csv").string(), "-oo", "GEOM_POSSIBLE_NAMES=WKT", "-oo", "KEEP_GEOM_COLUMNS=NO"});
 
-    // The Float32 grid, written as an ASCII grid (lower-left corner) and turned into a GeoTIFF.
-    std::string grid = fmt::format("ncols {}\nnrows {}\nxllcorner {}\nyllcorner {}\ncellsize {}\n", GridColumns,
-                                   GridRows, GridLeft, GridTop - GridRows * GridCell, GridCell);
-    for (int row = 0; row < GridRows; ++row) {
-        for (int column = 0; column < GridColumns; ++column)
-            grid += fmt::format("{}{}", column ? " " : "", GridValue(column, row));
-        grid += "\n";
-    }
-    WriteFile(dir / "grid.asc", grid);
-    RunChecked({"gdal_translate", "-q", "-ot", "Float32", "-a_srs", "EPSG:4326", (dir / "grid.asc").string(),
-                (dir / "grid.tif").string()});
+    // The Float32 grids, in degrees and in UTM metres.
+    FloatGrid(dir / "grid.tif", GridColumns, GridRows, GridLeft, GridTop, GridCell, 4326);
+    FloatGrid(dir / "grid_utm.tif", GridColumns, GridRows, UtmGridBox.minX, UtmGridBox.maxY, UtmGridCell, UtmEpsg);
 
     server_ = std::make_unique<CgiServer>("mapserv", Program);
 
@@ -486,20 +516,10 @@ MapServerFixture::MapServerFixture() {
       "wms_timeextent" "{},{},{}"
       "wms_timedefault" "{}")",
                                       Days[0].date, Days[1].date, Days[2].date, Days[0].date));
-    layers += RasterLayer(
-        Coverage, {}, "Grid", R"(DATA "grid.tif")",
-        fmt::format(R"("wms_enable_request" "!*"
-      "wcs_label" "Float32 grid"
-      "wcs_rangeset_name" "values"
-      "wcs_rangeset_label" "values"
-      "wcs_formats" "GTiff"
-      "wcs_nativeformat" "GTiff"
-      "wcs_bandcount" "1"
-      "wcs_imagemode" "FLOAT32"
-      "wcs_extent" "{} {} {} {}"
-      "wcs_resolution" "{} {}"
-      "wcs_size" "{} {}")",
-                    GridBox.minX, GridBox.minY, GridBox.maxX, GridBox.maxY, GridCell, GridCell, GridColumns, GridRows));
+    layers += RasterLayer(Coverage, {}, "Grid", R"(DATA "grid.tif")",
+                          CoverageMetadata(GridBox, GridCell, GridColumns, GridRows, 4326));
+    layers += RasterLayer(UtmCoverage, {}, "Grid in UTM", R"(DATA "grid_utm.tif")",
+                          CoverageMetadata(UtmGridBox, UtmGridCell, GridColumns, GridRows, UtmEpsg), UtmEpsg);
 
     const std::string mapfile =
         fmt::format(R"(MAP
@@ -757,6 +777,7 @@ MapProxyFixture::MapProxyFixture(const MapServerFixture& source) {
 layers:
   - name: {layer}
     title: Basemap
+    legendurl: http://127.0.0.1/legend.png
     sources: [{layer}_cache]
 
 caches:

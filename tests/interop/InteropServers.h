@@ -197,6 +197,14 @@ public:
     static constexpr double GridTop = 10;
     static constexpr LonLatBox GridBox{0, 0, 20, 10};
     static constexpr float GridValue(int column, int row) { return float(100 * row + column) + 0.25f; }
+    // WCS coverage "grid_utm": the same values on a grid of 500 m cells in UTM zone 32 north
+    // (EPSG:32632), top-left corner (500000, 4000000).
+    static constexpr const char* UtmCoverage = "grid_utm";
+    static constexpr int UtmEpsg = 32632;
+    static constexpr double UtmGridCell = 500;
+    static constexpr LonLatBox UtmGridBox{500000, 4000000 - GridRows * UtmGridCell, 500000 + GridColumns * UtmGridCell,
+                                          4000000};
+    // Every layer names one style, "default" (MapServer lists none for a raster layer otherwise).
     // The start of the ServiceException text of an XML GetCoverage POST.
     static constexpr const char* WcsXmlPostRefusal =
         "msWCSGetCoverage(): WCS server error. Required parameter CRS was not supplied.";

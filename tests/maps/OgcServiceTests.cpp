@@ -1,7 +1,5 @@
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <string>
 #include <thread>
 
@@ -9,6 +7,7 @@
 #include "MapServiceSupport.h"
 #include "OgcTestSupport.h"
 #include "Platform/Interfaces/IAsyncTask.h"
+#include "TaskWait.h"
 #include "Tellar/Interfaces/IOgcMapService.h"
 
 namespace {
@@ -137,26 +136,7 @@ protected:
     OgcTests::RecordingServer server;
 };
 
-// Waits alertably on the task, as a host does, so that this thread (the one that made the
-// service) runs the completions queued to it; a task still open after 30 s is cancelled, which
-// ends the wait.
-bool Settle(Platform::Interfaces::IAsyncTask& task) {
-    std::mutex mutex;
-    std::condition_variable woken;
-    bool done = false;
-    std::thread watchdog([&] {
-        std::unique_lock lock(mutex);
-        if (!woken.wait_for(lock, std::chrono::seconds(30), [&] { return done; })) task.Cancel();
-    });
-    task.WaitAlertable();
-    {
-        std::lock_guard lock(mutex);
-        done = true;
-    }
-    woken.notify_one();
-    watchdog.join();
-    return task.IsCompleted();
-}
+using TestSupport::Settle;
 
 Core::Ptr<Data::Interfaces::IDateTime> Day(const char* text) {
     Core::Ptr<Data::Interfaces::IDateTime> time;
