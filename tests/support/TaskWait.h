@@ -20,7 +20,8 @@ inline bool Settle(Platform::Interfaces::IAsyncTask& task, std::chrono::seconds 
         std::unique_lock lock(mutex);
         if (!woken.wait_for(lock, bound, [&] { return done; })) task.Cancel();
     });
-    task.WaitAlertable();
+    // An alertable wait also returns after it ran queued functions of other work.
+    while (!task.IsCompleted() && !task.IsCancelled()) task.WaitAlertable();
     {
         std::lock_guard lock(mutex);
         done = true;

@@ -11,10 +11,14 @@
 #include <string_view>
 #include <vector>
 
+#include "Data/Exports.h"
+#include "Data/Interfaces/IArray.h"
 #include "Data/Interfaces/IObjectList.h"
+#include "Data/Structures.h"
 #include "Library.h"
 #include "Platform/Interfaces/IHttpRequest.h"
 #include "Tellar/Interfaces/ICrs.h"
+#include "Tellar/Interfaces/IOgcMapService.h"
 #include "Tellar/Interfaces/ITileRequest.h"
 #include "Tellar/Interfaces/ITileResponse.h"
 #include "TellarImaging/Exports.h"
@@ -208,6 +212,104 @@ JsonObject RunMosaic(IMapService* service, const MosaicJob& job, Progress& progr
         .Add("epsg", static_cast<int64_t>(image->GetEpsgCode()))
         .Add("transform", Transform(image.Raw()))
         .Add("tiles", static_cast<int64_t>(tiles));
+    return json;
+}
+
+namespace {
+
+Ptr<Tellar::Interfaces::IOgcMapService> OgcService(IMapService* service) {
+    auto* ogc = dynamic_cast<Tellar::Interfaces::IOgcMapService*>(service);
+    if (!ogc) throw LibraryFailure("the service answers no pictures or coverages");
+    return Ptr<Tellar::Interfaces::IOgcMapService>(ogc);
+}
+
+void SetTime(Tellar::Interfaces::IOgcMapService& service, const std::optional<std::string>& text) {
+    if (!text) return;
+    Ptr<Data::Interfaces::IDateTime> time;
+    Invoke([&](IErrorCode** e) { return Data_CreateDateTimeFromIso8601(text->c_str(), time.ReceiveAddress(), e); });
+    Invoke([&](IErrorCode** e) { return service.SetTime(time.Raw(), e); });
+}
+
+// The object a finished task holds as its result.
+template <class T>
+Ptr<T> TaskResult(Platform::Interfaces::IAsyncTask& task) {
+    Data::Structures::VARIANT raw{};
+    task.GetResult(&raw);
+    Ptr<T> result;
+    if (raw.type & Data::Structures::VariantOwnedObject) {
+        result = Ptr<T>(dynamic_cast<T*>(raw.payload.object));
+        if (raw.payload.object) raw.payload.object->Release();
+    }
+    if (!result.Raw()) throw LibraryFailure("the task finished without a result");
+    return result;
+}
+
+} // namespace
+
+JsonObject RunMap(IMapService* service, const PictureJob& job) {
+    const auto ogc = OgcService(service);
+    SetTime(*ogc, job.time);
+    const auto box = MakeBox(job.bbox);
+    Ptr<Platform::Interfaces::IAsyncTask> task;
+    Invoke([&](IErrorCode** e) {
+        return ogc->GetMapAsync(nullptr, static_cast<int32_t>(job.width), static_cast<int32_t>(job.height), box.Raw(),
+                                nullptr, task.ReceiveAddress(), e);
+    });
+    AwaitTask(*task);
+    const auto image = TaskResult<TellarImaging::ITiffImage>(*task);
+
+    // The server drew the box at the size asked: that places the picture.
+    const uint32_t epsg = service->GetCrs()->GetEpsgCode();
+    Ptr<TellarImaging::ITransform> transform;
+    Invoke([&](IErrorCode** e) {
+        return CreateTransformFromParams((job.bbox[2] - job.bbox[0]) / image->GetWidth(),
+                                         -(job.bbox[3] - job.bbox[1]) / image->GetHeight(), job.bbox[0], job.bbox[3],
+                                         0.0, 0.0, transform.ReceiveAddress(), e);
+    });
+    image->SetEpsgCode(epsg);
+    image->SetTransform(transform.Raw());
+    Invoke([&](IErrorCode** e) {
+        return TellarImaging_SaveImage(image.Raw(), job.output.c_str(), TellarImaging::ImageFileFormatTiff, e);
+    });
+    if (job.png)
+        Invoke([&](IErrorCode** e) {
+            return TellarImaging_SaveImage(image.Raw(), job.png->c_str(), TellarImaging::ImageFileFormatPng, e);
+        });
+
+    JsonObject json;
+    json.Add("width", static_cast<int64_t>(image->GetWidth()))
+        .Add("height", static_cast<int64_t>(image->GetHeight()))
+        .Add("epsg", static_cast<int64_t>(epsg));
+    return json;
+}
+
+JsonObject RunCoverage(IMapService* service, const PictureJob& job) {
+    const auto ogc = OgcService(service);
+    SetTime(*ogc, job.time);
+    const auto box = MakeBox(job.bbox);
+    Ptr<Platform::Interfaces::IAsyncTask> task;
+    Invoke([&](IErrorCode** e) {
+        return ogc->GetDataAsync(nullptr, static_cast<int32_t>(job.width), static_cast<int32_t>(job.height), box.Raw(),
+                                 nullptr, task.ReceiveAddress(), e);
+    });
+    AwaitTask(*task);
+    const auto bytes = TaskResult<Data::Interfaces::IArray>(*task);
+
+    // A server answers a request it refuses with a report in XML, under status 200.
+    Ptr<TellarImaging::IImage> image;
+    Ptr<IErrorCode> error;
+    if (!CreateImageFromMemoryStream(bytes->GetData(), bytes->GetSizeInBytes(), image.ReceiveAddress(),
+                                     error.ReceiveAddress())) {
+        const std::string_view text(static_cast<const char*>(bytes->GetData()),
+                                    std::min<uint64_t>(bytes->GetSizeInBytes(), 300));
+        throw std::runtime_error(fmt::format("the server's answer is no coverage: {}", text));
+    }
+    WriteFile(job.output, bytes->GetData(), bytes->GetSizeInBytes());
+
+    JsonObject json;
+    json.Add("bytes", static_cast<int64_t>(bytes->GetSizeInBytes()))
+        .Add("width", static_cast<int64_t>(image->GetWidth()))
+        .Add("height", static_cast<int64_t>(image->GetHeight()));
     return json;
 }
 

@@ -29,6 +29,21 @@ struct MosaicJob {
 // service), then asks for the mosaic and writes it as GeoTIFF, and as PNG when asked.
 JsonObject RunMosaic(Tellar::Interfaces::IMapService* service, const MosaicJob& job, Progress& progress);
 
+// A picture or a coverage of a box (in the service's CRS) at a pixel size, at a time when given.
+struct PictureJob {
+    std::array<double, 4> bbox{};
+    uint32_t width = 0, height = 0;
+    std::optional<std::string> time;
+    std::string output;
+    std::optional<std::string> png;
+};
+// Asks a WMS for the picture through its task, waited for on this thread, and writes it as a
+// GeoTIFF placed at the box (and as PNG when asked).
+JsonObject RunMap(Tellar::Interfaces::IMapService* service, const PictureJob& job);
+// Asks a WCS for the coverage through its task and writes the server's bytes, once they read as
+// an image.
+JsonObject RunCoverage(Tellar::Interfaces::IMapService* service, const PictureJob& job);
+
 // Takes the response of every tile of the box at each zoom, counting where each came from.
 JsonObject RunSeed(Tellar::Interfaces::IMapService* service, const std::array<double, 4>& bbox, int32_t minZoom,
                    int32_t maxZoom, Progress& progress);

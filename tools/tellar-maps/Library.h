@@ -8,7 +8,9 @@
 #include <string>
 #include <utility>
 
+#include "CommandLine.h"
 #include "Core/ErrorCode.h"
+#include "Platform/Interfaces/IAsyncTask.h"
 #include "Core/Ptr.h"
 #include "Tellar/Interfaces/IBoundingBox2d.h"
 #include "Tellar/Interfaces/IEpsg.h"
@@ -42,6 +44,14 @@ struct TmsService {
 // `targetEpsg` is given.
 TmsService OpenTmsService(const std::string& url, uint32_t epsgCode, const std::optional<std::string>& cacheDir,
                           std::optional<uint32_t> targetEpsg);
+
+// The service the command line names (any of the four kinds), through the plain or the cached
+// factory, with the target CRS set when one is given.
+TmsService OpenService(const Options& options);
+
+// Waits for a task of the library on this thread, the one that made the service: the wait is
+// alertable, so the task's completion runs here. The task's failure text is thrown.
+void AwaitTask(Platform::Interfaces::IAsyncTask& task);
 
 Core::Ptr<Tellar::Interfaces::IBoundingBox2d> MakeBox(const std::array<double, 4>& values);
 std::array<double, 4> BoxValues(Tellar::Interfaces::IBoundingBox2d* box);

@@ -14,12 +14,12 @@ namespace {
 
 using namespace TellarMaps;
 
-const char* ServiceOption(ServiceKind kind) {
+const char* KindName(ServiceKind kind) {
     switch (kind) {
-    case ServiceKind::Wms: return "--wms";
-    case ServiceKind::Wmts: return "--wmts";
-    case ServiceKind::Wcs: return "--wcs";
-    default: return "--tms";
+    case ServiceKind::Wms: return "wms";
+    case ServiceKind::Wmts: return "wmts";
+    case ServiceKind::Wcs: return "wcs";
+    default: return "tms";
     }
 }
 
@@ -27,9 +27,10 @@ JsonObject Run(const Options& options) {
     Progress progress(Progress::Wanted(options.quiet));
     if (options.command == "demo") return RunDemo(options.output.value_or("."), progress);
 
-    const TmsService tms = OpenTmsService(options.url, *options.epsg, options.cacheDir, options.targetEpsg);
-    Tellar::Interfaces::IMapService* service = tms.service.Raw();
-    if (options.command == "info") return RunInfo(service, "tms");
+    // This thread made the service: the completions of its tasks run here, in AwaitTask.
+    const TmsService opened = OpenService(options);
+    Tellar::Interfaces::IMapService* service = opened.service.Raw();
+    if (options.command == "info") return RunInfo(service, KindName(options.kind));
     if (options.command == "tile") return RunTile(service, *options.zoom, *options.x, *options.y, *options.output);
     if (options.command == "mosaic") {
         MosaicJob job;
@@ -40,7 +41,17 @@ JsonObject Run(const Options& options) {
         job.png = options.png;
         return RunMosaic(service, job, progress);
     }
-    // The command line admits nothing else for a tile server.
+    if (options.command == "map" || options.command == "coverage") {
+        PictureJob job;
+        job.bbox = *options.bbox;
+        job.width = (*options.size)[0];
+        job.height = (*options.size)[1];
+        job.time = options.time;
+        job.output = *options.output;
+        job.png = options.png;
+        return options.command == "map" ? RunMap(service, job) : RunCoverage(service, job);
+    }
+    // The command line admits nothing else.
     return RunSeed(service, *options.bbox, options.minZoom.value_or(0), *options.maxZoom, progress);
 }
 
@@ -57,10 +68,6 @@ int main(int argc, char** argv) {
     if (options.help) {
         std::fputs(UsageText, stdout);
         return 0;
-    }
-    if (options.command != "demo" && options.kind != ServiceKind::Tms) {
-        std::fprintf(stderr, "error: %s services are not available in this build\n", ServiceOption(options.kind));
-        return 1;
     }
     try {
         const std::string json = Run(options).Text();
