@@ -133,6 +133,15 @@ protected:
                      service, error);
     }
 
+    // The WCS factory with no place for its result: refused before anything is downloaded.
+    Made NullOut() {
+        Core::Ptr<Core::IErrorCode> error;
+        const std::string url = server.Url("/caps/wcs");
+        TellarSpatialMaps_CreateMapServiceFromWcsUrl(Epsg().Raw(), url.c_str(), nullptr, "GeoTIFF", 4326, nullptr,
+                                                     error.ReceiveAddress());
+        return {{}, TextOf(error)};
+    }
+
     OgcTests::RecordingServer server;
 };
 
@@ -163,6 +172,8 @@ TEST_F(OgcService, FactoriesRefuseInOrder) {
         {Wcs("/caps/empty-wcs"), "invalid vector subscript"},
         {Wcs("/500/caps"), "Failed to download wms caps from " + server.Url("/500/caps")},
         {Wmts(nullptr), "Pointer of char must not be null!"},
+        {NullOut(), "Pointer to a pointer of struct Tellar::Interfaces::IMapService must not be null! Address of "
+                    "return must be specified!"},
         {Wmts("roads"), "Layer roads does not exists"},
         {Wmts("relief", "night"), "Style night does not exists"},
         {Wmts("relief", nullptr, "image/gif"), "Format image/gif is not supported"},
