@@ -8,9 +8,8 @@
 #include <thread>
 
 #include "OgcTestSupport.h"
+#include "PumpUntil.h"
 #include "RecordingLogger.h"
-#include "Platform/Threading/AlertableEvent.h"
-#include "Platform/Threading/ThreadHelpers.h"
 #include "TellarImaging/IImage.h"
 #include "TempDir.h"
 #include "Wcs/WcsFetcher.h"
@@ -23,21 +22,10 @@ using MapServices::BoundingBoxValue;
 using MapServices::impl::ServiceDataRequestHandler;
 using MapServices::impl::ServiceImageRequestHandler;
 using namespace OgcTests;
-namespace ThreadHelpers = Platform::Windows::Threading::ThreadHelpers;
+using TestSupport::PumpUntil;
 
 namespace {
 
-// Lets callbacks posted to this thread run until `done` holds or the bound runs out.
-template <class Predicate>
-bool PumpUntil(Predicate done, std::chrono::milliseconds bound = std::chrono::seconds(30)) {
-    Platform::Threading::AlertableEvent never;
-    const auto end = std::chrono::steady_clock::now() + bound;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        ThreadHelpers::WaitForSingleObject(never, 5, true, true);
-    }
-    return true;
-}
 
 // What one callback saw: how often it ran, on which thread, and what it got.
 struct Outcome {

@@ -20,25 +20,16 @@
 #include "TileServer.h"
 #include "Tms/TmsFetcherImpl.h"
 #include "Wait.h"
+#include "PumpUntil.h"
 
 using MapServices::TileRequest;
 using MapServices::impl::TileRequestImpl;
 using MapServices::Tms::impl::TmsFetcherImpl;
 namespace ThreadHelpers = Platform::Windows::Threading::ThreadHelpers;
+using TestSupport::PumpUntil;
 
 namespace {
 
-// Lets callbacks posted to this thread run, until `done` holds or the bound runs out.
-template <class Predicate>
-bool PumpUntil(Predicate done, std::chrono::milliseconds bound = std::chrono::seconds(30)) {
-    Platform::Threading::AlertableEvent never;
-    const auto end = std::chrono::steady_clock::now() + bound;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        ThreadHelpers::WaitForSingleObject(never, 5, true, true);
-    }
-    return true;
-}
 
 // What one callback saw.
 struct Outcome {

@@ -68,7 +68,36 @@ void FailDownload(AsyncTaskImpl& task, const std::string& name, FailureSite site
     Fail(task, text, site);
 }
 
+// The guards of a call that hands out a task, then the task that `start` makes.
+template <class Start>
+bool TaskCall(Tellar::Interfaces::IBoundingBox2d* box, Platform::Interfaces::IAsyncTask** ppTask,
+              Core::IErrorCode** ppError, Start&& start) {
+    return Core::AbiGuard(
+        [&] {
+            Core::ThrowIfNull(box);
+            Core::CheckResultAddress(ppTask);
+            *ppTask = start().Detach();
+        },
+        ppError);
+}
+
 } // namespace
+
+template <class I>
+template <class Handler, class Function>
+Platform::Threading::AsyncTask GenericOgcMapServiceT<I>::Start(const char* layer, int32_t width, int32_t height,
+                                                               Tellar::Interfaces::IBoundingBox2d* box,
+                                                               Data::Interfaces::IDateTime* time,
+                                                               void (MapServices::impl::ServiceTileFetcherBase::*fetch)(Handler),
+                                                               Function complete) {
+    auto task = Core::MakeObject<AsyncTaskImpl>();
+    Core::Ptr<MapServices::Interfaces::IServiceRequest> request = this->CreateRequest(layer, width, height, box, time);
+    std::string name = this->GetFetcher()->GetLayerName();
+    auto* fetcher = Core::Ptr<MapServices::Interfaces::ITileFetcher>(this->GetFetcher())
+                        .template Cast<MapServices::impl::ServiceTileFetcherBase>();
+    (fetcher->*fetch)(Handler{request, [task, name, complete](auto result) { complete(*task, name, result); }});
+    return Platform::Threading::AsyncTask(Core::Ptr<Platform::Interfaces::IAsyncTask>(task));
+}
 
 template <class I>
 std::string GenericOgcMapServiceT<I>::RequestCrsName() {
@@ -80,44 +109,36 @@ template <class I>
 Platform::Threading::AsyncTaskWithResultBase<Core::Ptr<TellarImaging::IImage>> GenericOgcMapServiceT<I>::GetMap(
     const char* layer, int32_t width, int32_t height, Tellar::Interfaces::IBoundingBox2d* box,
     Data::Interfaces::IDateTime* time) {
-    auto task = Core::MakeObject<AsyncTaskImpl>();
-    Core::Ptr<MapServices::Interfaces::IServiceRequest> request = this->CreateRequest(layer, width, height, box, time);
-    std::string name = this->GetFetcher()->GetLayerName();
-    auto* fetcher = Core::Ptr<MapServices::Interfaces::ITileFetcher>(this->GetFetcher())
-                        .template Cast<MapServices::impl::ServiceTileFetcherBase>();
-    fetcher->GetMapAsync({request, [task, name](TellarImaging::IImage* image) {
-                              if (!image) {
-                                  FailDownload(*task, name, {MapFunction, MapLine});
-                                  return;
-                              }
-                              // Pictures come back as TIFF images, whatever the server's format.
-                              try {
-                                  const Core::Ptr<TellarImaging::IImage> tiff = TellarImaging::ToTiffImageBase(image).image;
-                                  Complete(*task, Data::Variant::Owned(tiff.Raw(), Data::Structures::TagObject));
-                              } catch (const std::exception& e) {
-                                  Fail(*task, e.what(), {MapFunction, MapLine});
-                              }
-                          }});
-    return Platform::Threading::AsyncTask(Core::Ptr<Platform::Interfaces::IAsyncTask>(task));
+    return Start<MapServices::impl::ServiceImageRequestHandler>(
+        layer, width, height, box, time, &MapServices::impl::ServiceTileFetcherBase::GetMapAsync,
+        [](AsyncTaskImpl& task, const std::string& name, TellarImaging::IImage* image) {
+            if (!image) {
+                FailDownload(task, name, {MapFunction, MapLine});
+                return;
+            }
+            // Pictures come back as TIFF images, whatever the server's format.
+            try {
+                const Core::Ptr<TellarImaging::IImage> tiff = TellarImaging::ToTiffImageBase(image).image;
+                Complete(task, Data::Variant::Owned(tiff.Raw(), Data::Structures::TagObject));
+            } catch (const std::exception& e) {
+                Fail(task, e.what(), {MapFunction, MapLine});
+            }
+        });
 }
 
 template <class I>
 Platform::Threading::AsyncTaskWithResultBase<Data::Array> GenericOgcMapServiceT<I>::GetData(
     const char* layer, int32_t width, int32_t height, Tellar::Interfaces::IBoundingBox2d* box,
     Data::Interfaces::IDateTime* time) {
-    auto task = Core::MakeObject<AsyncTaskImpl>();
-    Core::Ptr<MapServices::Interfaces::IServiceRequest> request = this->CreateRequest(layer, width, height, box, time);
-    std::string name = this->GetFetcher()->GetLayerName();
-    auto* fetcher = Core::Ptr<MapServices::Interfaces::ITileFetcher>(this->GetFetcher())
-                        .template Cast<MapServices::impl::ServiceTileFetcherBase>();
-    fetcher->GetDataAsync({request, [task, name](const Data::Array& data) {
-                               if (data.IsNull() || data.GetSizeInBytes() == 0) {
-                                   FailDownload(*task, name, {DataFunction, DataLine});
-                                   return;
-                               }
-                               Complete(*task, Data::Variant::FromObject(Core::Ptr<Data::Interfaces::IArray>(data)));
-                           }});
-    return Platform::Threading::AsyncTask(Core::Ptr<Platform::Interfaces::IAsyncTask>(task));
+    return Start<MapServices::impl::ServiceDataRequestHandler>(
+        layer, width, height, box, time, &MapServices::impl::ServiceTileFetcherBase::GetDataAsync,
+        [](AsyncTaskImpl& task, const std::string& name, const Data::Array& data) {
+            if (data.IsNull() || data.GetSizeInBytes() == 0) {
+                FailDownload(task, name, {DataFunction, DataLine});
+                return;
+            }
+            Complete(task, Data::Variant::FromObject(Core::Ptr<Data::Interfaces::IArray>(data)));
+        });
 }
 
 template <class I>
@@ -139,13 +160,7 @@ template <class I>
 bool GenericOgcMapServiceT<I>::GetMapAsync(const char* layer, int32_t width, int32_t height,
                                            Tellar::Interfaces::IBoundingBox2d* box, Data::Interfaces::IDateTime* time,
                                            Platform::Interfaces::IAsyncTask** ppTask, Core::IErrorCode** ppError) {
-    return Core::AbiGuard(
-        [&] {
-            Core::ThrowIfNull(box);
-            Core::CheckResultAddress(ppTask);
-            *ppTask = GetMap(layer, width, height, box, time).Detach();
-        },
-        ppError);
+    return TaskCall(box, ppTask, ppError, [&] { return GetMap(layer, width, height, box, time); });
 }
 
 template <class I>
@@ -159,13 +174,7 @@ template <class I>
 bool GenericOgcMapServiceT<I>::GetDataAsync(const char* layer, int32_t width, int32_t height,
                                             Tellar::Interfaces::IBoundingBox2d* box, Data::Interfaces::IDateTime* time,
                                             Platform::Interfaces::IAsyncTask** ppTask, Core::IErrorCode** ppError) {
-    return Core::AbiGuard(
-        [&] {
-            Core::ThrowIfNull(box);
-            Core::CheckResultAddress(ppTask);
-            *ppTask = GetData(layer, width, height, box, time).Detach();
-        },
-        ppError);
+    return TaskCall(box, ppTask, ppError, [&] { return GetData(layer, width, height, box, time); });
 }
 
 template class GenericOgcMapServiceT<Tellar::Interfaces::IOgcMapService>;

@@ -6,6 +6,10 @@
 #include "Tellar/Interfaces/IOgcMapService.h"
 #include "Tellar/Spatial/Maps/GenericMapServiceT.h"
 
+namespace MapServices::impl {
+class ServiceTileFetcherBase;
+}
+
 namespace Tellar::Spatial::Maps::impl {
 
 // What the WMS and WCS services share: pictures and data of a box through the service fetcher,
@@ -42,6 +46,15 @@ protected:
 
     // "CRS:84" for a 4326 service, else "EPSG:<code>".
     std::string RequestCrsName();
+
+private:
+    // A new task, the request, and `fetch` of the service fetcher with a handler whose function
+    // hands the result to `complete(task, layer name, result)` on the dispatcher.
+    template <class Handler, class Function>
+    Platform::Threading::AsyncTask Start(const char* layer, int32_t width, int32_t height,
+                                         Tellar::Interfaces::IBoundingBox2d* box, Data::Interfaces::IDateTime* time,
+                                         void (MapServices::impl::ServiceTileFetcherBase::*fetch)(Handler),
+                                         Function complete);
 };
 
 } // namespace Tellar::Spatial::Maps::impl
