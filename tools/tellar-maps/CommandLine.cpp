@@ -29,8 +29,9 @@ Service (exactly one; URLs are http:// or https://):
   --wcs URL [--coverage NAME] [--format GeoTIFF] --epsg N
   [--cache DIR]            use the cached factory with DIR
   [--target-epsg N]        read --bbox and write mosaics in this CRS
-  [--timeout SECONDS]      connect, send and receive timeouts of the HTTP client
-                           (the receive timeout is the longest silence of a server)
+  [--timeout SECONDS]      the longest wait for a tile's whole answer; the HTTP client's
+                           connect, send and receive timeouts (the longest silence of a
+                           server) are set a second longer
 
 --bbox is min x, min y, max x, max y in the service's CRS, or in --target-epsg when
 given: metres for --epsg 3857 (add --target-epsg 4326 to give degrees), degrees for
