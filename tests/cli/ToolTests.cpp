@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -41,13 +43,52 @@ const std::string Timed =
     "TSAN_OPTIONS=\"${TSAN_OPTIONS:+$TSAN_OPTIONS:}suppressions=" + std::string(TELLAR_TSAN_SUPPRESSIONS) +
     "\" timeout 120 ";
 
-// The tool's command line for the shell, its words taken from `line`.
+// The tool's command line for the shell, its words taken from `line`; the word <empty> is an
+// empty argument.
 std::string ToolCommand(const std::string& line) {
     std::string command = Quote(TELLAR_MAPS_BINARY);
     std::istringstream words(line);
-    for (std::string word; words >> word;) command += " " + Quote(word);
+    for (std::string word; words >> word;) command += " " + Quote(word == "<empty>" ? "" : word);
     return command;
 }
+
+// A tile server that never finishes an answer: /silent/ says nothing after the request,
+// /trickle/ sends the headers of a PNG tile and then a byte every 100 ms.
+class StallingServer {
+public:
+    StallingServer() {
+        server_.Get(R"(/silent/.*)", [this](const httplib::Request&, httplib::Response& res) {
+            for (int i = 0; i < 600 && !stopping_; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            res.set_content("late", "text/plain");
+        });
+        server_.Get(R"(/trickle/.*)", [this](const httplib::Request&, httplib::Response& res) {
+            res.set_content_provider(4096, "image/png", [this](size_t offset, size_t, httplib::DataSink& sink) {
+                if (stopping_) return false;
+                std::this_thread::sleep_for(std::chrono::milliseconds(100));
+                const char byte = offset < 8 ? "\x89PNG\r\n\x1a\n"[offset] : '\0';
+                return sink.write(&byte, 1);
+            });
+        });
+        port_ = server_.bind_to_any_port("127.0.0.1");
+        thread_ = std::thread([this] { server_.listen_after_bind(); });
+        for (int i = 0; i < 2000 && !server_.is_running(); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    ~StallingServer() {
+        stopping_ = true;
+        server_.stop();
+        thread_.join();
+    }
+    std::string Template(const std::string& kind) const {
+        return "http://127.0.0.1:" + std::to_string(port_) + "/" + kind + "/{z}/{x}/{y}.png";
+    }
+
+private:
+    httplib::Server server_;
+    std::thread thread_;
+    std::atomic<bool> stopping_{false};
+    int port_ = 0;
+};
 
 // The numbers after "key": in a JSON text, one or the members of an array (gdalinfo's have
 // spaces and newlines).
@@ -169,9 +210,207 @@ TEST_F(ToolTest, SeedFetchesOnceThenFindsTheCache) {
     EXPECT_EQ(o.out, "{\"tiles\":9,\"fetched\":0,\"cached\":9,\"failed\":0}\n");
     EXPECT_EQ(server.Requests(), 9);
 
-    o = Run("seed --tms " + server.Template("404") + seed + "1");
+}
+
+// Only a tile the cache keeps is fetched; a run that fetched or read none fails, after its counts.
+TEST_F(ToolTest, SeedCountsWhatTheCacheKept) {
+    const struct {
+        std::string kind;
+        int exitCode;
+        std::string counts, firstError;
+    } cases[] = {
+        {"t", 0, R"("tiles":5,"fetched":5,"cached":0,"failed":0)", ""},
+        {"hole", 0, R"("tiles":5,"fetched":2,"cached":0,"failed":3)",
+         "tile 0/0/0: the server answered with status 404"},
+        {"404", 1, R"("tiles":5,"fetched":0,"cached":0,"failed":5)",
+         "tile 0/0/0: the server answered with status 404"},
+        {"xml", 1, R"("tiles":5,"fetched":0,"cached":0,"failed":5)",
+         "tile 0/0/0: the server answered with text/xml, not a tile"},
+        {"empty", 1, R"("tiles":5,"fetched":0,"cached":0,"failed":5)",
+         "tile 0/0/0: the server answered with an empty body"},
+        {"bad", 1, R"("tiles":5,"fetched":0,"cached":0,"failed":5)",
+         "tile 0/0/0: the server's answer (image/png, 19 bytes) is no image: Unknown image format"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.kind);
+        const Outcome o = Run("seed --tms " + server.Template(c.kind) + " --epsg 4326 --cache " +
+                              dir.File("cache-" + c.kind) + " --bbox -10,-10,10,10 --max-zoom 1");
+        EXPECT_EQ(o.exitCode, c.exitCode);
+        EXPECT_EQ(o.out, "{" + c.counts + (c.firstError.empty() ? "" : ",\"first_error\":\"" + c.firstError + "\"") +
+                             "}\n");
+        EXPECT_EQ(o.err, c.exitCode ? "error: no tile of the run was fetched or read; " + c.firstError + "\n" : "");
+    }
+
+    std::ofstream(dir.File("file")) << "a file";
+    const Outcome o = Run("seed --tms " + server.Template("t") + " --epsg 4326 --cache " + dir.File("file") +
+                          " --bbox -10,-10,10,10 --max-zoom 1");
+    EXPECT_EQ(o.exitCode, 1);
+    EXPECT_EQ(o.err, "error: the cache " + dir.File("file") + " is not a directory\n");
+    EXPECT_EQ(ReadText(dir.File("file")), "a file");
+}
+
+// A command that fails leaves the file it was to write as it was, and no temporary file beside it.
+TEST_F(ToolTest, FailedCommandsLeaveFilesAsTheyWere) {
+    const std::string good = "the good file";
+    const auto writeGood = [&](const std::string& name) { std::ofstream(dir.File(name), std::ios::binary) << good; };
+    const struct {
+        std::string line, err;
+    } cases[] = {
+        {"tile --tms " + server.Template("xml") + " --epsg 3857 --zoom 1 --x 0 --y 0 -o " + dir.File("out/a"),
+         "error: tile 1/0/0: the server answered with text/xml, not a tile\n"},
+        {"tile --tms " + server.Template("empty") + " --epsg 3857 --zoom 1 --x 0 --y 0 -o " + dir.File("out/a"),
+         "error: tile 1/0/0: the server answered with an empty body\n"},
+        {"tile --tms " + server.Template("bad") + " --epsg 3857 --zoom 1 --x 0 --y 0 -o " + dir.File("out/a"),
+         "error: tile 1/0/0: the server's answer (image/png, 19 bytes) is no image: Unknown image format\n"},
+        {"tile --tms " + server.Template("octet") + " --epsg 3857 --zoom 1 --x 0 --y 0 -o " + dir.File("out/a"),
+         "error: Unknown image format\n"},
+        {"tile --tms " + server.Template("500") + " --epsg 3857 --zoom 1 --x 0 --y 0 -o " + dir.File("out/a"),
+         "error: the server answered tile 1/0/0 with status 500\n"},
+        {"mosaic --tms " + server.Template("hole") + " --epsg 4326 --zoom 1 --bbox -10,-10,10,10 -o " +
+             dir.File("out/a") + " --png " + dir.File("out/b"),
+         "error: Unknown image format\n"},
+    };
+    fs::create_directory(dir.File("out"));
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.line);
+        writeGood("out/a");
+        writeGood("out/b");
+        const Outcome o = Run(c.line);
+        EXPECT_EQ(o.exitCode, 1);
+        EXPECT_EQ(o.err, c.err);
+        EXPECT_EQ(o.out, "");
+        EXPECT_EQ(ReadText(dir.File("out/a")), good);
+        EXPECT_EQ(ReadText(dir.File("out/b")), good);
+        EXPECT_EQ(std::distance(fs::directory_iterator(dir.File("out")), fs::directory_iterator()), 2);
+    }
+
+    // A directory is no file to write, and a successful run replaces the good file whole.
+    Outcome o = Run("tile --tms " + server.Template("t") + " --epsg 3857 --zoom 1 --x 0 --y 0 -o " + dir.File("out"));
+    EXPECT_EQ(o.exitCode, 1);
+    EXPECT_EQ(o.err, "error: cannot write " + dir.File("out") + ": it is a directory\n");
+    o = Run("tile --tms " + server.Template("t") + " --epsg 3857 --zoom 1 --x 0 --y 0 -o " + dir.File("out/a"));
     ASSERT_EQ(o.exitCode, 0) << o.err;
-    EXPECT_EQ(o.out, "{\"tiles\":5,\"fetched\":0,\"cached\":0,\"failed\":5}\n");
+    EXPECT_EQ(ReadText(dir.File("out/a")), server.Png());
+    EXPECT_EQ(fs::status(dir.File("out/a")).permissions(), fs::status(dir.File("out/b")).permissions());
+}
+
+// Boxes that reach or pass the edges of the grid are cut to it; refused lines reach no server.
+TEST_F(ToolTest, BoxesAndLinesRefusedOrCut) {
+    const struct {
+        std::string line;
+        std::string out; // exit 0 with this JSON, else exit 2 with `out` as the first line of stderr
+    } cases[] = {
+        {"seed --tms " + server.Template("t") + " --epsg 4326 --bbox -180,-90,180,90 --max-zoom 2",
+         R"({"tiles":21,"fetched":21,"cached":0,"failed":0})"},
+        {"seed --tms " + server.Template("t") + " --epsg 3857 --bbox -20037508.34,-20037508.34,20037508.34,20037508.34 "
+                                                "--max-zoom 2",
+         R"({"tiles":21,"fetched":0,"cached":21,"failed":0})"},
+        {"seed --tms " + server.Template("t") + " --epsg 3857 --bbox -3e7,-3e7,3e7,3e7 --max-zoom 2",
+         R"({"tiles":21,"fetched":0,"cached":21,"failed":0})"},
+        {"seed --tms " + server.Template("t") + " --epsg 3857 --target-epsg 4326 --bbox -180,-90,180,90 --max-zoom 1",
+         R"({"tiles":5,"fetched":0,"cached":5,"failed":0})"},
+        {"seed --tms " + server.Template("t") + " --epsg 4326 --bbox 0,85.1,10,90 --max-zoom 1",
+         "tellar-maps: --bbox lies outside the tile grid: -180 to 180, -85.0511 to 85.0511 degrees"},
+        {"seed --tms " + server.Template("t") + " --epsg 4326 --bbox 0,inf,10,90 --max-zoom 1",
+         "tellar-maps: --bbox takes finite numbers, not '0,inf,10,90'"},
+        {"seed --tms " + server.Template("t") + " --epsg 4326 --bbox 0,1,0,2 --max-zoom 1",
+         "tellar-maps: --bbox: the box has no area"},
+        {"info --tms ftp://127.0.0.1/{z}/{x}/{y}.png --epsg 3857",
+         "tellar-maps: --tms takes an http:// or https:// URL, not 'ftp://127.0.0.1/{z}/{x}/{y}.png'"},
+        {"tile --tms " + server.Template("t") + " --epsg 3857 --zoom 31 --x 0 --y 0 -o x",
+         "tellar-maps: --zoom takes 0 to 30, not 31"},
+        {"tile --tms " + server.Template("t") + " --epsg 3857 --zoom 1 --x 0 --y -1 -o x",
+         "tellar-maps: --y takes 0 or more, not -1"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.line);
+        const Outcome o = Run(c.line + " --cache " + dir.File("cache"));
+        if (c.out[0] == '{') {
+            EXPECT_EQ(o.exitCode, 0) << o.err;
+            EXPECT_EQ(o.out, c.out + "\n");
+        } else {
+            EXPECT_EQ(o.exitCode, 2);
+            EXPECT_EQ(o.err.substr(0, o.err.find('\n')), c.out);
+        }
+    }
+    EXPECT_EQ(server.Requests(), 21);
+
+    // An empty --cache would be the root of the file system.
+    const Outcome o = Run("tile --tms " + server.Template("t") + " --epsg 3857 --cache <empty> --zoom 1 --x 0 --y 0 -o " +
+                          dir.File("a.png"));
+    EXPECT_EQ(o.exitCode, 2);
+    EXPECT_EQ(o.err.substr(0, o.err.find('\n')), "tellar-maps: --cache needs a directory, not an empty path");
+    EXPECT_EQ(server.Requests(), 21);
+
+    const Outcome world = Run("mosaic --tms " + server.Template("t") +
+                              " --epsg 3857 --zoom 1 --bbox -20037508.35,-20037508.35,20037508.35,20037508.35 -o " +
+                              dir.File("w.tif"));
+    ASSERT_EQ(world.exitCode, 0) << world.err;
+    EXPECT_EQ(Number(world.out, "tiles"), 4);
+    EXPECT_NEAR(Number(world.out, "width"), 512, 1) << "the world, less a millimetre at each edge";
+    EXPECT_NEAR(Number(world.out, "height"), 512, 1);
+}
+
+// --timeout ends the wait for a tile's whole answer, from a server that says nothing as from one
+// that sends a byte now and then (which the client's receive timeout alone never ends).
+TEST_F(ToolTest, TimeoutEndsStalledTiles) {
+    StallingServer stalling;
+    const struct {
+        std::string line;
+        std::string out, err;
+    } cases[] = {
+        {"tile --tms " + stalling.Template("silent") + " --epsg 3857 --timeout 1 --zoom 1 --x 0 --y 0 -o " +
+             dir.File("a.png"),
+         "", "error: tile 1/0/0: no whole answer within 1 s\n"},
+        {"tile --tms " + stalling.Template("trickle") + " --epsg 3857 --timeout 1 --zoom 1 --x 0 --y 0 -o " +
+             dir.File("a.png"),
+         "", "error: tile 1/0/0: no whole answer within 1 s\n"},
+        {"seed --tms " + stalling.Template("trickle") + " --epsg 3857 --cache " + dir.File("cache") +
+             " --timeout 0.5 --bbox -1,-1,1,1 --max-zoom 0",
+         R"({"tiles":1,"fetched":0,"cached":0,"failed":1,"first_error":"tile 0/0/0: no whole answer within 0.5 s"})"
+         "\n",
+         "error: no tile of the run was fetched or read; tile 0/0/0: no whole answer within 0.5 s\n"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.line);
+        const auto start = std::chrono::steady_clock::now();
+        const Outcome o = Run(c.line);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(8));
+        EXPECT_EQ(o.exitCode, 1);
+        EXPECT_EQ(o.out, c.out);
+        EXPECT_EQ(o.err, c.err);
+    }
+    EXPECT_FALSE(fs::exists(dir.File("a.png")));
+}
+
+// The first three commands of the README, against a server taken as 3857 and as 4326.
+TEST_F(ToolTest, ReadmeCommandsWorkAsWritten) {
+    const std::string url = server.Template("t");
+    for (const std::string epsg : {"3857", "4326"}) {
+        SCOPED_TRACE(epsg);
+        // A box in degrees: a 3857 service reads its boxes in metres unless told otherwise.
+        const std::string degrees = epsg == "3857" ? " --target-epsg 4326" : "";
+        Outcome o = Run("info --tms " + url + " --epsg " + epsg);
+        EXPECT_EQ(o.exitCode, 0) << o.err;
+        EXPECT_EQ(Number(o.out, "epsg"), std::stod(epsg));
+
+        o = Run("mosaic --tms " + url + " --epsg " + epsg + degrees + " --zoom 6 --bbox 5,44,16,50 -o " +
+                dir.File("alps.tif") + " --png " + dir.File("alps.png"));
+        ASSERT_EQ(o.exitCode, 0) << o.err;
+        EXPECT_EQ(Number(o.out, "tiles"), 9) << "columns 32 to 34, rows 21 to 23";
+        EXPECT_TRUE(IsPng(ReadText(dir.File("alps.png"))));
+        const auto transform = Numbers(o.out, "transform");
+        ASSERT_EQ(transform.size(), 6u);
+        EXPECT_NEAR(transform[2], 5.0, transform[0]);
+        EXPECT_NEAR(transform[3], 50.0, -transform[1]);
+
+        o = Run("seed --tms " + url + " --epsg " + epsg + degrees + " --cache " + dir.File("tiles-" + epsg) +
+                " --bbox 5,44,16,50 --max-zoom 8");
+        ASSERT_EQ(o.exitCode, 0) << o.err;
+        EXPECT_EQ(Number(o.out, "failed"), 0);
+        EXPECT_EQ(Number(o.out, "fetched"), Number(o.out, "tiles"));
+        EXPECT_GT(Number(o.out, "tiles"), 72) << "zoom 8 alone has 9 columns by 8 rows";
+    }
 }
 
 // script(1) gives the tool a terminal for stderr; stdout goes to a file.

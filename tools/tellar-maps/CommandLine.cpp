@@ -1,9 +1,13 @@
 #include "CommandLine.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
+#include <cmath>
 #include <cstdlib>
 #include <functional>
 #include <map>
+#include <optional>
 
 namespace TellarMaps {
 
@@ -11,20 +15,33 @@ const char* const UsageText = R"(usage: tellar-maps COMMAND SERVICE [options]
 
 Commands:
   info                                         what the factory bound
-  tile --zoom Z --x X --y Y -o FILE            one tile's bytes
+  tile --zoom Z --x X --y Y -o FILE            one tile's bytes, once they decode as an image
   mosaic --zoom Z --bbox A,B,C,D [--best-effort] -o FILE.tif
   map --bbox A,B,C,D --size WxH [--time ISO] -o FILE.tif
   coverage --bbox A,B,C,D --size WxH [--time ISO] -o FILE.tif
   seed --bbox A,B,C,D --max-zoom Z [--min-zoom Z0]    (needs --cache)
   demo [-o DIR]                                serves its own tiles; no service options
 
-Service (exactly one):
+Service (exactly one; URLs are http:// or https://):
   --tms URL --epsg 3857|4326
   --wms URL [--layer NAME] [--style S] [--format image/png] --epsg N
   --wmts URL --layer NAME [--style S] [--format F] [--matrix-set ID]
   --wcs URL [--coverage NAME] [--format GeoTIFF] --epsg N
   [--cache DIR]            use the cached factory with DIR
-  [--target-epsg N]        answer in this CRS
+  [--target-epsg N]        read --bbox and write mosaics in this CRS
+  [--timeout SECONDS]      the longest wait for a tile's whole answer; the HTTP client's
+                           connect, send and receive timeouts (the longest silence of a
+                           server) are set a second longer
+
+--bbox is min x, min y, max x, max y in the service's CRS, or in --target-epsg when
+given: metres for --epsg 3857 (add --target-epsg 4326 to give degrees), degrees for
+4326. mosaic and seed of a --tms service cut the box to the grid (+-180 and +-85.0511
+degrees, +-20037508.34 m).
+--best-effort is the library's tolerant mosaic: it asks for every tile a second time and
+leaves out a copy that fails, but a tile whose first request fails, or that the server
+answers with no image, still fails the mosaic.
+Zooms are 0 to 30, tile indices 0 or more. Files are written whole or not at all: a failed
+command leaves an existing file as it was.
 
 Options: --quiet, --png FILE (8-bit preview beside a .tif), --help,
   --log FILE, --log-level N (accepted; no effect yet)
@@ -32,14 +49,18 @@ Options: --quiet, --png FILE (8-bit preview beside a .tif), --help,
 
 namespace {
 
+// A whole number; `range` names the allowed values when a number outside them is refused
+// ("0 to 30"), else that refusal reads as any other.
 template <class T>
-T Integer(const std::string& name, const std::string& text, T low, T high) {
+T Integer(const std::string& name, const std::string& text, T low, T high, const char* range = nullptr) {
     errno = 0;
     char* end = nullptr;
     const long long value = std::strtoll(text.c_str(), &end, 10);
-    if (text.empty() || *end != '\0' || errno == ERANGE || value < static_cast<long long>(low) ||
-        value > static_cast<long long>(high))
+    if (text.empty() || *end != '\0' || errno == ERANGE)
         throw UsageError(name + " takes a whole number, not '" + text + "'");
+    if (value < static_cast<long long>(low) || value > static_cast<long long>(high))
+        throw UsageError(range ? name + " takes " + range + ", not " + text
+                               : name + " takes a whole number, not '" + text + "'");
     return static_cast<T>(value);
 }
 
@@ -61,7 +82,10 @@ std::array<double, 4> Box(const std::string& text) {
         box[i] = Number("--bbox", text.substr(start, comma == std::string::npos ? std::string::npos : comma - start));
         start = comma + 1;
     }
+    for (double value : box)
+        if (!std::isfinite(value)) throw UsageError("--bbox takes finite numbers, not '" + text + "'");
     if (box[0] > box[2] || box[1] > box[3]) throw UsageError("--bbox: the minimum must not exceed the maximum");
+    if (box[0] == box[2] || box[1] == box[3]) throw UsageError("--bbox: the box has no area");
     return box;
 }
 
@@ -72,10 +96,40 @@ std::array<uint32_t, 2> Size(const std::string& text) {
             Integer<uint32_t>("--size", text.substr(by + 1), 1, 65535)};
 }
 
-void SetService(Options& options, ServiceKind kind, const std::string& url) {
+// Seconds, more than none and at most a day, to milliseconds.
+uint32_t Timeout(const std::string& text) {
+    const double seconds = Number("--timeout", text);
+    if (!(seconds > 0 && seconds <= 86400)) throw UsageError("--timeout takes seconds from 0 to 86400, not " + text);
+    return static_cast<uint32_t>(std::ceil(seconds * 1000));
+}
+
+void SetService(Options& options, ServiceKind kind, const std::string& option, const std::string& url) {
     if (options.kind != ServiceKind::None) throw UsageError("give exactly one of --tms, --wms, --wmts and --wcs");
+    const auto startsWith = [&](const char* scheme) {
+        const size_t n = std::char_traits<char>::length(scheme);
+        if (url.size() <= n) return false;
+        for (size_t i = 0; i < n; ++i)
+            if (std::tolower(static_cast<unsigned char>(url[i])) != scheme[i]) return false;
+        return true;
+    };
+    if (!startsWith("http://") && !startsWith("https://"))
+        throw UsageError(option + " takes an http:// or https:// URL, not '" + url + "'");
     options.kind = kind;
     options.url = url;
+}
+
+// The tile grid of a --tms service, in the CRS its boxes are read in, drawn a hair inside its
+// edges: the right and the bottom edge themselves lie in a column and a row past the last.
+std::optional<std::array<double, 4>> TmsGrid(uint32_t boxEpsg) {
+    if (boxEpsg == 4326) {
+        const double latitude = std::atan(std::sinh(M_PI)) * 180 / M_PI - 1e-9;
+        return std::array<double, 4>{-180 + 1e-9, -latitude, 180 - 1e-9, latitude};
+    }
+    if (boxEpsg == 3857) {
+        const double half = 20037508.342789244 - 1e-3;
+        return std::array<double, 4>{-half, -half, half, half};
+    }
+    return std::nullopt;
 }
 
 void Require(bool present, const std::string& what) {
@@ -114,14 +168,25 @@ void CheckCommand(const Options& o) {
 
 } // namespace
 
+std::array<double, 4> CutToGrid(const std::array<double, 4>& box, uint32_t boxEpsg) {
+    const auto grid = TmsGrid(boxEpsg);
+    if (!grid) return box;
+    const std::array<double, 4> cut{std::max(box[0], (*grid)[0]), std::max(box[1], (*grid)[1]),
+                                    std::min(box[2], (*grid)[2]), std::min(box[3], (*grid)[3])};
+    if (cut[0] >= cut[2] || cut[1] >= cut[3])
+        throw UsageError(boxEpsg == 3857 ? "--bbox lies outside the tile grid: -20037508.34 to 20037508.34 m"
+                                         : "--bbox lies outside the tile grid: -180 to 180, -85.0511 to 85.0511 degrees");
+    return cut;
+}
+
 Options ParseCommandLine(const std::vector<std::string>& args) {
     Options o;
     using Handler = std::function<void(const std::string&)>;
     const std::map<std::string, Handler> withValue = {
-        {"--tms", [&](const std::string& v) { SetService(o, ServiceKind::Tms, v); }},
-        {"--wms", [&](const std::string& v) { SetService(o, ServiceKind::Wms, v); }},
-        {"--wmts", [&](const std::string& v) { SetService(o, ServiceKind::Wmts, v); }},
-        {"--wcs", [&](const std::string& v) { SetService(o, ServiceKind::Wcs, v); }},
+        {"--tms", [&](const std::string& v) { SetService(o, ServiceKind::Tms, "--tms", v); }},
+        {"--wms", [&](const std::string& v) { SetService(o, ServiceKind::Wms, "--wms", v); }},
+        {"--wmts", [&](const std::string& v) { SetService(o, ServiceKind::Wmts, "--wmts", v); }},
+        {"--wcs", [&](const std::string& v) { SetService(o, ServiceKind::Wcs, "--wcs", v); }},
         {"--epsg", [&](const std::string& v) { o.epsg = Integer<uint32_t>("--epsg", v, 1, 999999); }},
         {"--target-epsg",
          [&](const std::string& v) { o.targetEpsg = Integer<uint32_t>("--target-epsg", v, 1, 999999); }},
@@ -130,12 +195,18 @@ Options ParseCommandLine(const std::vector<std::string>& args) {
         {"--format", [&](const std::string& v) { o.format = v; }},
         {"--matrix-set", [&](const std::string& v) { o.matrixSet = v; }},
         {"--coverage", [&](const std::string& v) { o.coverage = v; }},
-        {"--cache", [&](const std::string& v) { o.cacheDir = v; }},
-        {"--zoom", [&](const std::string& v) { o.zoom = Integer<int32_t>("--zoom", v, 0, 30); }},
-        {"--min-zoom", [&](const std::string& v) { o.minZoom = Integer<int32_t>("--min-zoom", v, 0, 30); }},
-        {"--max-zoom", [&](const std::string& v) { o.maxZoom = Integer<int32_t>("--max-zoom", v, 0, 30); }},
-        {"--x", [&](const std::string& v) { o.x = Integer<int64_t>("--x", v, INT32_MIN, INT32_MAX); }},
-        {"--y", [&](const std::string& v) { o.y = Integer<int64_t>("--y", v, INT32_MIN, INT32_MAX); }},
+        {"--cache",
+         [&](const std::string& v) {
+             // An empty path would put the cache's directories at the root of the file system.
+             if (v.empty()) throw UsageError("--cache needs a directory, not an empty path");
+             o.cacheDir = v;
+         }},
+        {"--timeout", [&](const std::string& v) { o.timeoutMs = Timeout(v); }},
+        {"--zoom", [&](const std::string& v) { o.zoom = Integer<int32_t>("--zoom", v, 0, 30, "0 to 30"); }},
+        {"--min-zoom", [&](const std::string& v) { o.minZoom = Integer<int32_t>("--min-zoom", v, 0, 30, "0 to 30"); }},
+        {"--max-zoom", [&](const std::string& v) { o.maxZoom = Integer<int32_t>("--max-zoom", v, 0, 30, "0 to 30"); }},
+        {"--x", [&](const std::string& v) { o.x = Integer<int64_t>("--x", v, 0, INT32_MAX, "0 or more"); }},
+        {"--y", [&](const std::string& v) { o.y = Integer<int64_t>("--y", v, 0, INT32_MAX, "0 or more"); }},
         {"--bbox", [&](const std::string& v) { o.bbox = Box(v); }},
         {"--size", [&](const std::string& v) { o.size = Size(v); }},
         {"--time", [&](const std::string& v) { o.time = v; }},
@@ -168,6 +239,8 @@ Options ParseCommandLine(const std::vector<std::string>& args) {
     }
     if (o.command.empty()) throw UsageError("no command given");
     CheckCommand(o);
+    if (o.kind == ServiceKind::Tms && (o.command == "mosaic" || o.command == "seed"))
+        o.bbox = CutToGrid(*o.bbox, o.targetEpsg.value_or(*o.epsg));
     return o;
 }
 

@@ -21,6 +21,8 @@ struct Options {
     std::optional<uint32_t> epsg;
     std::optional<std::string> cacheDir;
     std::optional<uint32_t> targetEpsg;
+    // The HTTP client's timeouts for the run, in milliseconds.
+    std::optional<uint32_t> timeoutMs;
 
     std::optional<int32_t> zoom, minZoom, maxZoom;
     std::optional<int64_t> x, y;
@@ -43,6 +45,10 @@ struct UsageError : std::runtime_error {
 
 // `args` without the program name.
 Options ParseCommandLine(const std::vector<std::string>& args);
+
+// A --tms box cut to the tile grid when it is read in EPSG:4326 (±180, ±85.0511 degrees) or
+// EPSG:3857 (±20037508.34 m); left as it is in any other CRS. A box outside the grid is refused.
+std::array<double, 4> CutToGrid(const std::array<double, 4>& box, uint32_t boxEpsg);
 
 extern const char* const UsageText;
 

@@ -2,13 +2,22 @@
 
 #include <fmt/core.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <stdexcept>
 #include <string_view>
+#include <thread>
+#include <optional>
+#include <utility>
 #include <vector>
 
 #include "Data/Exports.h"
@@ -16,6 +25,7 @@
 #include "Data/Interfaces/IObjectList.h"
 #include "Data/Structures.h"
 #include "Library.h"
+#include "Platform/Interfaces/IHttpClient.h"
 #include "Platform/Interfaces/IHttpRequest.h"
 #include "Tellar/Interfaces/ICrs.h"
 #include "Tellar/Interfaces/IOgcMapService.h"
@@ -40,6 +50,14 @@ void WriteFile(const std::string& path, const void* data, size_t size) {
     const int savedErrno = errno;
     if (std::fclose(file) != 0 || !written)
         throw std::runtime_error(fmt::format("cannot write {}: {}", path, std::strerror(written ? errno : savedErrno)));
+}
+
+// The mode a new file gets from open(2) with 0666: the process's umask, read without changing it.
+mode_t NewFileMode() {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);)
+        if (line.rfind("Umask:", 0) == 0) return 0666 & ~static_cast<mode_t>(std::stoul(line.substr(6), nullptr, 8));
+    return 0644;
 }
 
 int64_t FileSize(const std::string& path) {
@@ -75,6 +93,65 @@ std::vector<double> Transform(TellarImaging::ITiffImage* image) {
 bool TooManyTiles(const Ptr<IErrorCode>& error) {
     constexpr std::string_view refusal = "Too many tiles requested";
     return error.Raw() && std::string_view(error->GetMessage(), error->GetMessageLength()).starts_with(refusal);
+}
+
+std::string ErrorText(const Ptr<IErrorCode>& error) {
+    return error.Raw() ? std::string(error->GetMessage(), error->GetMessageLength())
+                       : "the library failed without saying why";
+}
+
+// A tile's answer, or the reason there is none.
+struct Taken {
+    Ptr<ITileResponse> response;
+    std::string failure;
+    bool late = false;
+};
+
+// Waits for the tile. With a limit, a tile whose whole answer takes longer is cancelled: the
+// client's receive timeout only bounds a silence, and a server that sends a byte now and then
+// would hold the tile for ever.
+Taken Take(ITileRequest& request, std::optional<uint32_t> limitMs) {
+    Taken taken;
+    if (limitMs) {
+        using Clock = std::chrono::steady_clock;
+        const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(*limitMs);
+        std::chrono::milliseconds pause(1);
+        while (!request.IsFinished()) {
+            const Clock::time_point now = Clock::now();
+            if (now >= deadline) {
+                request.Cancel();
+                taken.failure = fmt::format("no whole answer within {} s", *limitMs / 1000.0);
+                taken.late = true;
+                return taken;
+            }
+            std::this_thread::sleep_for(std::min<Clock::duration>(pause, deadline - now));
+            pause = std::min(pause * 2, std::chrono::milliseconds(20));
+        }
+    }
+    Ptr<IErrorCode> error;
+    if (!request.GetResponse(taken.response.ReceiveAddress(), error.ReceiveAddress()) || !taken.response.Raw())
+        taken.failure = ErrorText(error);
+    return taken;
+}
+
+// Why a tile's answer over HTTP is no tile, or nothing when it is one. A body the library keeps
+// in its cache (an image, octet-stream or vector-tile type) that is meant to be an image must
+// also decode as one; `image` then holds it.
+std::optional<std::string> AnswerProblem(ITileResponse& response, Platform::Interfaces::IHttpResponse& http,
+                                         Ptr<TellarImaging::IImage>& image) {
+    const int32_t status = http.GetStatusCode();
+    if (status != 200) return fmt::format("the server answered with status {}", status);
+    if (http.GetBodySize() == 0) return std::string("the server answered with an empty body");
+    const char* header = http.GetHeader("Content-Type");
+    const std::string type = header && *header ? header : "no content type";
+    const bool imageType = type.find("image") != std::string::npos;
+    if (!imageType && type.find("octet-stream") == std::string::npos && type.find("mapbox") == std::string::npos)
+        return fmt::format("the server answered with {}, not a tile", type);
+    if (!imageType) return std::nullopt;
+    Ptr<IErrorCode> error;
+    if (response.GetImage(image.ReceiveAddress(), error.ReceiveAddress()) && image.Raw()) return std::nullopt;
+    return fmt::format("the server's answer ({}, {} bytes) is no image: {}", type, http.GetBodySize(),
+                       ErrorText(error));
 }
 
 struct TileSpan {
@@ -126,6 +203,34 @@ void ForEachTileOfLevel(IMapService* service, int32_t zoom, const std::array<dou
 
 } // namespace
 
+StagedFiles::~StagedFiles() {
+    for (const auto& file : staged_) std::remove(file.temporary.c_str());
+}
+
+std::string StagedFiles::Stage(const std::string& target) {
+    namespace fs = std::filesystem;
+    const fs::path path(target);
+    std::error_code error;
+    if (fs::is_directory(path, error)) throw std::runtime_error(fmt::format("cannot write {}: it is a directory", target));
+    // Beside the target, so that the rename stays on one file system.
+    std::string pattern = (path.parent_path() / ("." + path.filename().string() + ".XXXXXX")).string();
+    const int fd = ::mkstemp(pattern.data());
+    if (fd < 0) throw std::runtime_error(fmt::format("cannot write {}: {}", target, std::strerror(errno)));
+    // mkstemp makes the file private; the target keeps its mode, a new one gets the usual.
+    struct stat existing {};
+    ::fchmod(fd, ::stat(target.c_str(), &existing) == 0 ? existing.st_mode & 07777 : NewFileMode());
+    ::close(fd);
+    staged_.push_back({pattern, target});
+    return pattern;
+}
+
+void StagedFiles::Commit() {
+    for (const auto& file : staged_)
+        if (std::rename(file.temporary.c_str(), file.target.c_str()) != 0)
+            throw std::runtime_error(fmt::format("cannot write {}: {}", file.target, std::strerror(errno)));
+    staged_.clear();
+}
+
 JsonObject RunInfo(IMapService* service, const char* kind) {
     JsonObject json;
     json.Add("kind", kind)
@@ -135,12 +240,16 @@ JsonObject RunInfo(IMapService* service, const char* kind) {
     return json;
 }
 
-JsonObject RunTile(IMapService* service, int32_t zoom, int64_t x, int64_t y, const std::string& path) {
+JsonObject RunTile(IMapService* service, int32_t zoom, int64_t x, int64_t y, const std::string& path,
+                   std::optional<uint32_t> timeoutMs) {
     Ptr<ITileRequest> request;
     Invoke([&](IErrorCode** e) { return service->GetTile(zoom, x, y, request.ReceiveAddress(), e); });
-    Ptr<ITileResponse> response;
-    Invoke([&](IErrorCode** e) { return request->GetResponse(response.ReceiveAddress(), e); });
+    Taken taken = Take(*request, timeoutMs);
+    if (!taken.response.Raw()) throw LibraryFailure(fmt::format("tile {}/{}/{}: {}", zoom, x, y, taken.failure));
+    const Ptr<ITileResponse> response = std::move(taken.response);
 
+    // Nothing is written before the answer proved to be an image.
+    StagedFiles files;
     Ptr<TellarImaging::IImage> image;
     int64_t bytes = 0;
     if (Platform::Interfaces::IHttpResponse* http = response->GetHttpResponse()) {
@@ -148,15 +257,20 @@ JsonObject RunTile(IMapService* service, int32_t zoom, int64_t x, int64_t y, con
         if (status != 200)
             throw std::runtime_error(
                 fmt::format("the server answered tile {}/{}/{} with status {}", zoom, x, y, status));
-        WriteFile(path, http->GetBodyData(), http->GetBodySize());
+        if (const auto problem = AnswerProblem(*response, *http, image))
+            throw std::runtime_error(fmt::format("tile {}/{}/{}: {}", zoom, x, y, *problem));
+        if (!image.Raw()) Invoke([&](IErrorCode** e) { return response->GetImage(image.ReceiveAddress(), e); });
+        WriteFile(files.Stage(path), http->GetBodyData(), http->GetBodySize());
         bytes = static_cast<int64_t>(http->GetBodySize());
-        Invoke([&](IErrorCode** e) { return response->GetImage(image.ReceiveAddress(), e); });
+        files.Commit();
     } else {
         // From the cache: the public calls give the decoded tile, not the file's bytes.
         Invoke([&](IErrorCode** e) { return response->GetImage(image.ReceiveAddress(), e); });
+        const std::string staged = files.Stage(path);
         Invoke([&](IErrorCode** e) {
-            return TellarImaging_SaveImage(image.Raw(), path.c_str(), TellarImaging::ImageFileFormatPng, e);
+            return TellarImaging_SaveImage(image.Raw(), staged.c_str(), TellarImaging::ImageFileFormatPng, e);
         });
+        files.Commit();
         bytes = FileSize(path);
     }
 
@@ -176,16 +290,38 @@ JsonObject RunTile(IMapService* service, int32_t zoom, int64_t x, int64_t y, con
     return json;
 }
 
+namespace {
+
+// The picture as GeoTIFF and, when asked, as PNG: both are written before either replaces a file.
+void SaveImages(TellarImaging::IImage* image, const std::string& tiff, const std::optional<std::string>& png) {
+    StagedFiles files;
+    const std::string stagedTiff = files.Stage(tiff);
+    Invoke([&](IErrorCode** e) {
+        return TellarImaging_SaveImage(image, stagedTiff.c_str(), TellarImaging::ImageFileFormatTiff, e);
+    });
+    if (png) {
+        const std::string stagedPng = files.Stage(*png);
+        Invoke([&](IErrorCode** e) {
+            return TellarImaging_SaveImage(image, stagedPng.c_str(), TellarImaging::ImageFileFormatPng, e);
+        });
+    }
+    files.Commit();
+}
+
+} // namespace
+
 JsonObject RunMosaic(IMapService* service, const MosaicJob& job, Progress& progress) {
     uint64_t tiles = 0;
     {
         const auto list = TilesForBox(service, job.zoom, job.bbox);
         tiles = list->GetCount();
         for (uint64_t i = 0; i < tiles; ++i) {
-            // Failures here are left to the mosaic, which tells them or works around them.
-            Ptr<ITileResponse> response;
-            Ptr<IErrorCode> ignored;
-            RequestAt(list.Raw(), i)->GetResponse(response.ReceiveAddress(), ignored.ReceiveAddress());
+            // Failures here are left to the mosaic, which tells them or works around them; but a
+            // tile cut off at the time limit would only be asked for again, as slowly.
+            ITileRequest* request = RequestAt(list.Raw(), i);
+            if (const Taken taken = Take(*request, job.timeoutMs); taken.late)
+                throw LibraryFailure(
+                    fmt::format("tile {}/{}/{}: {}", job.zoom, request->GetX(), request->GetY(), taken.failure));
             progress.Update("tiles", i + 1, tiles);
         }
         progress.Finish();
@@ -198,13 +334,7 @@ JsonObject RunMosaic(IMapService* service, const MosaicJob& job, Progress& progr
                               : service->GetImage(job.zoom, box.Raw(), image.ReceiveAddress(), e);
     });
     if (!image.Raw()) throw LibraryFailure("the library returned no mosaic for the box");
-    Invoke([&](IErrorCode** e) {
-        return TellarImaging_SaveImage(image.Raw(), job.tiff.c_str(), TellarImaging::ImageFileFormatTiff, e);
-    });
-    if (job.png)
-        Invoke([&](IErrorCode** e) {
-            return TellarImaging_SaveImage(image.Raw(), job.png->c_str(), TellarImaging::ImageFileFormatPng, e);
-        });
+    SaveImages(image.Raw(), job.tiff, job.png);
 
     JsonObject json;
     json.Add("width", static_cast<int64_t>(image->GetWidth()))
@@ -268,13 +398,7 @@ JsonObject RunMap(IMapService* service, const PictureJob& job) {
     });
     image->SetEpsgCode(epsg);
     image->SetTransform(transform.Raw());
-    Invoke([&](IErrorCode** e) {
-        return TellarImaging_SaveImage(image.Raw(), job.output.c_str(), TellarImaging::ImageFileFormatTiff, e);
-    });
-    if (job.png)
-        Invoke([&](IErrorCode** e) {
-            return TellarImaging_SaveImage(image.Raw(), job.png->c_str(), TellarImaging::ImageFileFormatPng, e);
-        });
+    SaveImages(image.Raw(), job.output, job.png);
 
     JsonObject json;
     json.Add("width", static_cast<int64_t>(image->GetWidth()))
@@ -304,7 +428,9 @@ JsonObject RunCoverage(IMapService* service, const PictureJob& job) {
                                     std::min<uint64_t>(bytes->GetSizeInBytes(), 300));
         throw std::runtime_error(fmt::format("the server's answer is no coverage: {}", text));
     }
-    WriteFile(job.output, bytes->GetData(), bytes->GetSizeInBytes());
+    StagedFiles files;
+    WriteFile(files.Stage(job.output), bytes->GetData(), bytes->GetSizeInBytes());
+    files.Commit();
 
     JsonObject json;
     json.Add("bytes", static_cast<int64_t>(bytes->GetSizeInBytes()))
@@ -313,16 +439,19 @@ JsonObject RunCoverage(IMapService* service, const PictureJob& job) {
     return json;
 }
 
-JsonObject RunSeed(IMapService* service, const std::array<double, 4>& bbox, int32_t minZoom, int32_t maxZoom,
-                   Progress& progress) {
+JsonObject RunSeed(IMapService* service, const SeedJob& job, Progress& progress) {
     int64_t tiles = 0, fetched = 0, cached = 0, failed = 0;
-    for (int32_t zoom = minZoom; zoom <= maxZoom; ++zoom) {
+    std::string firstError;
+    const auto fail = [&](ITileRequest& request, const std::string& why) {
+        if (!failed++) firstError = fmt::format("tile {}/{}/{}: {}", request.GetZoom(), request.GetX(), request.GetY(), why);
+    };
+    for (int32_t zoom = job.minZoom; zoom <= job.maxZoom; ++zoom) {
         // A level too large for one list comes in parts, each with a bar of its own.
         std::string label;
         int parts = 0;
         uint64_t count = 0;
         ForEachTileOfLevel(
-            service, zoom, bbox,
+            service, zoom, job.bbox,
             [&](uint64_t size) {
                 count = size;
                 label = ++parts == 1 ? fmt::format("zoom {}", zoom) : fmt::format("zoom {} part {}", zoom, parts);
@@ -332,12 +461,16 @@ JsonObject RunSeed(IMapService* service, const std::array<double, 4>& bbox, int3
                     // Already taken with an earlier part; its download here is not waited for.
                     request->Cancel();
                 } else {
-                    Ptr<ITileResponse> response;
-                    Ptr<IErrorCode> error;
-                    if (!request->GetResponse(response.ReceiveAddress(), error.ReceiveAddress()) || !response.Raw()) {
-                        ++failed;
-                    } else if (Platform::Interfaces::IHttpResponse* http = response->GetHttpResponse()) {
-                        ++(http->GetStatusCode() == 200 ? fetched : failed);
+                    // Fetched means kept in the cache: what the library does not keep is no tile.
+                    const Taken taken = Take(*request, job.timeoutMs);
+                    Ptr<TellarImaging::IImage> image;
+                    if (!taken.response.Raw()) {
+                        fail(*request, taken.failure);
+                    } else if (Platform::Interfaces::IHttpResponse* http = taken.response->GetHttpResponse()) {
+                        if (const auto problem = AnswerProblem(*taken.response, *http, image))
+                            fail(*request, *problem);
+                        else
+                            ++fetched;
                     } else {
                         ++cached;
                     }
@@ -350,7 +483,33 @@ JsonObject RunSeed(IMapService* service, const std::array<double, 4>& bbox, int3
 
     JsonObject json;
     json.Add("tiles", tiles).Add("fetched", fetched).Add("cached", cached).Add("failed", failed);
+    if (failed) json.Add("first_error", firstError);
+    if (fetched + cached == 0)
+        throw FailureWithReport(tiles ? "no tile of the run was fetched or read; " + firstError
+                                      : std::string("the box holds no tile"),
+                                json);
     return json;
+}
+
+void CheckCacheDirectory(const std::string& path) {
+    std::error_code error;
+    const auto status = std::filesystem::status(path, error);
+    if (std::filesystem::exists(status) && !std::filesystem::is_directory(status))
+        throw std::runtime_error(fmt::format("the cache {} is not a directory", path));
+}
+
+void SetHttpTimeouts(IMapService* service, uint32_t milliseconds) {
+    Platform::Interfaces::IHttpClient* client = service->GetHttpClient();
+    if (!client) throw LibraryFailure("the service has no HTTP client to set timeouts on");
+    // A second more than the tool waits for a tile itself, so that a tile's wait ends on the
+    // tool's clock with a message that says so; the client's limits bound the downloads the tool
+    // does not wait on (those of the mosaic call, map, coverage). Each later request takes them
+    // when it is made.
+    const uint32_t limit = milliseconds + 1000;
+    client->SetResolveTimeout(limit);
+    client->SetConnectTimeout(limit);
+    client->SetSendTimeout(limit);
+    client->SetReceiveTimeout(limit);
 }
 
 } // namespace TellarMaps

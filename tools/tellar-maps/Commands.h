@@ -4,7 +4,10 @@
 #include <array>
 #include <cstdint>
 #include <optional>
+#include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "Json.h"
 #include "Progress.h"
@@ -12,11 +15,48 @@
 
 namespace TellarMaps {
 
+// A command that failed after it had counted something: main prints the report as on success,
+// then the error.
+struct FailureWithReport : std::runtime_error {
+    FailureWithReport(const std::string& text, JsonObject json) : std::runtime_error(text), report(std::move(json)) {}
+    JsonObject report;
+};
+
+// The files of one command, each written first to a temporary file beside its target. Commit
+// renames them all into place; the temporary files of a command that fails before are removed,
+// so a failure leaves the targets as they were.
+class StagedFiles {
+public:
+    StagedFiles() = default;
+    StagedFiles(const StagedFiles&) = delete;
+    StagedFiles& operator=(const StagedFiles&) = delete;
+    ~StagedFiles();
+
+    // The path of a new empty file to write in place of `target`.
+    std::string Stage(const std::string& target);
+    void Commit();
+
+private:
+    struct File {
+        std::string temporary, target;
+    };
+    std::vector<File> staged_;
+};
+
+// Refuses a cache path that names something other than a directory, before the library would
+// fail on every tile under it.
+void CheckCacheDirectory(const std::string& path);
+
+// Sets the connect, send, receive and resolve timeouts of the service's HTTP client a second
+// above the tool's own limit for a tile's whole answer.
+void SetHttpTimeouts(Tellar::Interfaces::IMapService* service, uint32_t milliseconds);
+
 JsonObject RunInfo(Tellar::Interfaces::IMapService* service, const char* kind);
 
 // Writes the tile's body as the server sent it; a tile from the cache is written as PNG.
+// Waits at most `timeoutMs` for the whole answer when given; writes nothing unless it decodes.
 JsonObject RunTile(Tellar::Interfaces::IMapService* service, int32_t zoom, int64_t x, int64_t y,
-                   const std::string& path);
+                   const std::string& path, std::optional<uint32_t> timeoutMs);
 
 struct MosaicJob {
     int32_t zoom = 0;
@@ -24,6 +64,8 @@ struct MosaicJob {
     bool bestEffort = false;
     std::string tiff;
     std::optional<std::string> png;
+    // A tile of the first pass that takes longer ends the command.
+    std::optional<uint32_t> timeoutMs;
 };
 // Takes the response of every tile of the box first (which fills the cache of a cached
 // service), then asks for the mosaic and writes it as GeoTIFF, and as PNG when asked.
@@ -44,8 +86,15 @@ JsonObject RunMap(Tellar::Interfaces::IMapService* service, const PictureJob& jo
 // an image.
 JsonObject RunCoverage(Tellar::Interfaces::IMapService* service, const PictureJob& job);
 
-// Takes the response of every tile of the box at each zoom, counting where each came from.
-JsonObject RunSeed(Tellar::Interfaces::IMapService* service, const std::array<double, 4>& bbox, int32_t minZoom,
-                   int32_t maxZoom, Progress& progress);
+struct SeedJob {
+    std::array<double, 4> bbox{};
+    int32_t minZoom = 0, maxZoom = 0;
+    std::optional<uint32_t> timeoutMs; // for each tile's whole answer
+};
+// Takes the response of every tile of the box at each zoom, counting where each came from:
+// `fetched` the tiles that came over HTTP as a tile the cache keeps, `cached` those read from
+// it, `failed` the rest, the first of them told in `first_error`. Throws FailureWithReport when
+// no tile was fetched or read.
+JsonObject RunSeed(Tellar::Interfaces::IMapService* service, const SeedJob& job, Progress& progress);
 
 } // namespace TellarMaps

@@ -27,11 +27,14 @@ JsonObject Run(const Options& options) {
     Progress progress(Progress::Wanted(options.quiet));
     if (options.command == "demo") return RunDemo(options.output.value_or("."), progress);
 
+    if (options.cacheDir) CheckCacheDirectory(*options.cacheDir);
     // This thread made the service: the completions of its tasks run here, in AwaitTask.
     const TmsService opened = OpenService(options);
     Tellar::Interfaces::IMapService* service = opened.service.Raw();
+    if (options.timeoutMs) SetHttpTimeouts(service, *options.timeoutMs);
     if (options.command == "info") return RunInfo(service, KindName(options.kind));
-    if (options.command == "tile") return RunTile(service, *options.zoom, *options.x, *options.y, *options.output);
+    if (options.command == "tile")
+        return RunTile(service, *options.zoom, *options.x, *options.y, *options.output, options.timeoutMs);
     if (options.command == "mosaic") {
         MosaicJob job;
         job.zoom = *options.zoom;
@@ -39,6 +42,7 @@ JsonObject Run(const Options& options) {
         job.bestEffort = options.bestEffort;
         job.tiff = *options.output;
         job.png = options.png;
+        job.timeoutMs = options.timeoutMs;
         return RunMosaic(service, job, progress);
     }
     if (options.command == "map" || options.command == "coverage") {
@@ -52,7 +56,12 @@ JsonObject Run(const Options& options) {
         return options.command == "map" ? RunMap(service, job) : RunCoverage(service, job);
     }
     // The command line admits nothing else.
-    return RunSeed(service, *options.bbox, options.minZoom.value_or(0), *options.maxZoom, progress);
+    SeedJob job;
+    job.bbox = *options.bbox;
+    job.minZoom = options.minZoom.value_or(0);
+    job.maxZoom = *options.maxZoom;
+    job.timeoutMs = options.timeoutMs;
+    return RunSeed(service, job, progress);
 }
 
 } // namespace
@@ -73,6 +82,10 @@ int main(int argc, char** argv) {
         const std::string json = Run(options).Text();
         std::printf("%s\n", json.c_str());
         return 0;
+    } catch (const FailureWithReport& e) {
+        std::printf("%s\n", e.report.Text().c_str());
+        std::fprintf(stderr, "error: %s\n", e.what());
+        return 1;
     } catch (const std::exception& e) {
         std::fprintf(stderr, "error: %s\n", e.what());
         return 1;
