@@ -209,7 +209,22 @@ TEST_F(ToolTest, SeedFetchesOnceThenFindsTheCache) {
     ASSERT_EQ(o.exitCode, 0) << o.err;
     EXPECT_EQ(o.out, "{\"tiles\":9,\"fetched\":0,\"cached\":9,\"failed\":0}\n");
     EXPECT_EQ(server.Requests(), 9);
+}
 
+// A level of more tiles than one list takes is seeded in parts, each with its bar; every tile
+// still counts once and lands in the cache once.
+TEST_F(ToolTest, LargeLevelsAreSeededInParts) {
+    if (std::system("command -v script >/dev/null 2>&1") != 0) GTEST_SKIP() << "script(1) is not installed";
+    const std::string tool = ToolCommand("seed --tms " + server.Template("t") + " --epsg 4326 --cache " +
+                                         dir.File("cache") + " --bbox -180,-85,180,85 --max-zoom 6") +
+                             " >" + Quote(dir.File("json"));
+    const std::string command = Timed + "script -qec " + Quote(tool) + " /dev/null >" + Quote(dir.File("terminal"));
+    ASSERT_EQ(std::system(command.c_str()), 0) << ReadText(dir.File("terminal"));
+    EXPECT_EQ(ReadText(dir.File("json")), "{\"tiles\":5461,\"fetched\":5461,\"cached\":0,\"failed\":0}\n");
+    EXPECT_NE(ReadText(dir.File("terminal")).find("zoom 6 part 4 ["), std::string::npos);
+    size_t files = 0;
+    for (const auto& entry : fs::recursive_directory_iterator(dir.File("cache"))) files += entry.is_regular_file();
+    EXPECT_EQ(files, 5461u);
 }
 
 // Only a tile the cache keeps is fetched; a run that fetched or read none fails, after its counts.

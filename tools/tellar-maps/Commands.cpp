@@ -159,31 +159,53 @@ struct TileSpan {
     bool Holds(int64_t x, int64_t y) const { return x >= minX && x <= maxX && y >= minY && y <= maxY; }
 };
 
-// Calls visit(list, index) for every tile of `bbox` at `zoom` once. A box whose list the library
-// refuses as too large is cut into quarters until each part's list is allowed; a tile on the
-// edge between two parts is in both lists and is visited with the first. `part(n)` is told the
-// size of each list before its tiles.
+// A part of the box and the tiles its list is expected to hold at the next level.
+struct LevelPart {
+    std::array<double, 4> box;
+    uint64_t expected = 0;
+};
+
+// Every tile of a list holds its download until the list goes, so a level is seeded in parts of
+// about this many tiles: memory stays bounded however large the level.
+constexpr uint64_t TilesPerList = 1024;
+
+// The four quarters of a box, the one of the lowest x and y last (taken first from the back), or
+// nothing when the box is too small to cut.
+std::vector<std::array<double, 4>> Quarters(const std::array<double, 4>& box) {
+    const double midX = box[0] / 2 + box[2] / 2, midY = box[1] / 2 + box[3] / 2;
+    const bool splits = (midX != box[0] && midX != box[2]) || (midY != box[1] && midY != box[3]);
+    if (!splits) return {};
+    return {{midX, midY, box[2], box[3]}, {box[0], midY, midX, box[3]}, {midX, box[1], box[2], midY},
+            {box[0], box[1], midX, midY}};
+}
+
+// Calls visit(request, index, seen) for every tile of the parts at `zoom`, each once (`seen` marks
+// a tile on the edge between two parts that an earlier part took). A part expected to hold more
+// than TilesPerList tiles, or whose list the library refuses as too large, is cut into quarters
+// first. `part(n)` is told the size of each list before its tiles. On return `parts` holds the
+// parts of this level with what each will hold at the next (four times as many tiles).
 template <class Part, class Visit>
-void ForEachTileOfLevel(IMapService* service, int32_t zoom, const std::array<double, 4>& bbox, Part&& part,
+void ForEachTileOfLevel(IMapService* service, int32_t zoom, std::vector<LevelPart>& parts, Part&& part,
                         Visit&& visit) {
     std::vector<TileSpan> done;
-    std::vector<std::array<double, 4>> pending{bbox};
+    std::vector<LevelPart> pending(parts.rbegin(), parts.rend()), next;
     while (!pending.empty()) {
-        const std::array<double, 4> box = pending.back();
+        const LevelPart current = pending.back();
         pending.pop_back();
+        if (current.expected > TilesPerList) {
+            if (auto quarters = Quarters(current.box); !quarters.empty()) {
+                for (const auto& quarter : quarters) pending.push_back({quarter, current.expected / 4});
+                continue;
+            }
+        }
         Ptr<Data::Interfaces::IObjectList> list;
         Ptr<IErrorCode> error;
-        if (!service->GetTilesForBox(zoom, MakeBox(box).Raw(), list.ReceiveAddress(), error.ReceiveAddress())) {
-            const double midX = box[0] / 2 + box[2] / 2, midY = box[1] / 2 + box[3] / 2;
-            const bool splits = (midX != box[0] && midX != box[2]) || (midY != box[1] && midY != box[3]);
-            if (!TooManyTiles(error) || !splits)
+        if (!service->GetTilesForBox(zoom, MakeBox(current.box).Raw(), list.ReceiveAddress(), error.ReceiveAddress())) {
+            auto quarters = Quarters(current.box);
+            if (!TooManyTiles(error) || quarters.empty())
                 throw LibraryFailure(error.Raw() ? std::string(error->GetMessage(), error->GetMessageLength())
                                                  : "the library failed without saying why");
-            // Taken back to front: the first part is the one of the lowest x and y.
-            pending.push_back({midX, midY, box[2], box[3]});
-            pending.push_back({box[0], midY, midX, box[3]});
-            pending.push_back({midX, box[1], box[2], midY});
-            pending.push_back({box[0], box[1], midX, midY});
+            for (const auto& quarter : quarters) pending.push_back({quarter, 0});
             continue;
         }
         const uint64_t count = list->GetCount();
@@ -198,7 +220,9 @@ void ForEachTileOfLevel(IMapService* service, int32_t zoom, const std::array<dou
             visit(request, i, seen);
         }
         if (count) done.push_back(span);
+        next.push_back({current.box, count * 4});
     }
+    parts = std::move(next);
 }
 
 } // namespace
@@ -445,13 +469,14 @@ JsonObject RunSeed(IMapService* service, const SeedJob& job, Progress& progress)
     const auto fail = [&](ITileRequest& request, const std::string& why) {
         if (!failed++) firstError = fmt::format("tile {}/{}/{}: {}", request.GetZoom(), request.GetX(), request.GetY(), why);
     };
+    std::vector<LevelPart> levelParts{{job.bbox, 0}};
     for (int32_t zoom = job.minZoom; zoom <= job.maxZoom; ++zoom) {
         // A level too large for one list comes in parts, each with a bar of its own.
         std::string label;
         int parts = 0;
         uint64_t count = 0;
         ForEachTileOfLevel(
-            service, zoom, job.bbox,
+            service, zoom, levelParts,
             [&](uint64_t size) {
                 count = size;
                 label = ++parts == 1 ? fmt::format("zoom {}", zoom) : fmt::format("zoom {} part {}", zoom, parts);
