@@ -27,7 +27,7 @@ Service (exactly one):
   [--target-epsg N]        answer in this CRS
 
 Options: --quiet, --png FILE (8-bit preview beside a .tif), --help,
-  --log FILE, --log-level N (accepted; no effect yet)
+  --log FILE (the library's log), --log-level N (0 trace .. 7 fatal; default 4)
 )";
 
 namespace {

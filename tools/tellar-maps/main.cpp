@@ -8,6 +8,7 @@
 #include "Commands.h"
 #include "Demo.h"
 #include "Library.h"
+#include "LogFile.h"
 #include "Progress.h"
 
 namespace {
@@ -58,7 +59,13 @@ int main(int argc, char** argv) {
         std::fputs(UsageText, stdout);
         return 0;
     }
+    LogFile log;
+    if (!log.Open(options.logFile, options.logLevel)) {
+        std::fprintf(stderr, "error: cannot open the log file %s\n", options.logFile->c_str());
+        return 1;
+    }
     if (options.command != "demo" && options.kind != ServiceKind::Tms) {
+        log.MarkFailed();
         std::fprintf(stderr, "error: %s services are not available in this build\n", ServiceOption(options.kind));
         return 1;
     }
@@ -67,6 +74,7 @@ int main(int argc, char** argv) {
         std::printf("%s\n", json.c_str());
         return 0;
     } catch (const std::exception& e) {
+        log.MarkFailed();
         std::fprintf(stderr, "error: %s\n", e.what());
         return 1;
     }
