@@ -44,7 +44,7 @@ Zooms are 0 to 30, tile indices 0 or more. Files are written whole or not at all
 command leaves an existing file as it was.
 
 Options: --quiet, --png FILE (8-bit preview beside a .tif), --help,
-  --log FILE, --log-level N (accepted; no effect yet)
+  --log FILE (the library's log), --log-level N (0 trace .. 7 fatal; default 4)
 )";
 
 namespace {

@@ -8,6 +8,7 @@
 #include "Commands.h"
 #include "Demo.h"
 #include "Library.h"
+#include "LogFile.h"
 #include "Progress.h"
 
 namespace {
@@ -78,15 +79,22 @@ int main(int argc, char** argv) {
         std::fputs(UsageText, stdout);
         return 0;
     }
+    LogFile log;
+    if (!log.Open(options.logFile, options.logLevel)) {
+        std::fprintf(stderr, "error: cannot open the log file %s\n", options.logFile->c_str());
+        return 1;
+    }
     try {
         const std::string json = Run(options).Text();
         std::printf("%s\n", json.c_str());
         return 0;
     } catch (const FailureWithReport& e) {
+        log.MarkFailed();
         std::printf("%s\n", e.report.Text().c_str());
         std::fprintf(stderr, "error: %s\n", e.what());
         return 1;
     } catch (const std::exception& e) {
+        log.MarkFailed();
         std::fprintf(stderr, "error: %s\n", e.what());
         return 1;
     }
