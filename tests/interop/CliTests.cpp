@@ -128,7 +128,7 @@ TEST(CliInterop, WmtsMosaicEqualsGdalsReading) {
                                            fmt::format("{},{},{},{}", minX, minY, maxX, maxY), "-o", ours});
         ASSERT_EQ(mosaic.exitCode, 0) << mosaic.err;
         const ProcessResult gdal = RunProcess(
-            {"gdal_translate", "-q",
+            {"gdal_translate", "-q", "--config", "GDAL_DEFAULT_WMS_CACHE_PATH", dir.File("gdal-cache"),
              fmt::format("WMTS:{},layer={},tilematrixset={},zoom_level=3", mapcache.WmtsRestCapabilitiesUrl(),
                          MapCacheFixture::Layer, set),
              "-projwin", fmt::format("{}", minX), fmt::format("{}", maxY), fmt::format("{}", maxX),
