@@ -19,17 +19,17 @@ __attribute__((noinline, visibility("default"))) std::string TraceFromNamedTestF
 }
 
 TEST(Dll, AModuleAlreadyLoadedStaysLoaded) {
-    // libTellarData.so is a dependency of this test, so it is in the process already.
+    // libTellarData.so.0 (its SONAME) is a dependency of this test, so it is in the process already.
     Core::Ptr<Platform::Interfaces::IDll> dll;
     Core::Ptr<Core::IErrorCode> error;
-    ASSERT_TRUE(CreateDll("libTellarData.so", dll.ReceiveAddress(), error.ReceiveAddress()));
+    ASSERT_TRUE(CreateDll("libTellarData.so.0", dll.ReceiveAddress(), error.ReceiveAddress()));
     EXPECT_TRUE(dll->HasSymbol("Data_CreateArray"));
     EXPECT_FALSE(dll->HasSymbol("Data_NoSuchThing"));
     EXPECT_EQ(dll->_abi_GetSymbol("Data_CreateArray", error.ReceiveAddress()), dlsym(RTLD_DEFAULT, "Data_CreateArray"));
     EXPECT_EQ(dll->_abi_GetSymbol("Data_Missing", error.ReceiveAddress()), nullptr);
     EXPECT_STREQ(error->GetMessage(), "2: Data_Missing");
     dll.Reset();
-    void* still = dlopen("libTellarData.so", RTLD_NOW | RTLD_NOLOAD);
+    void* still = dlopen("libTellarData.so.0", RTLD_NOW | RTLD_NOLOAD);
     ASSERT_NE(still, nullptr);
     dlclose(still);
 }
