@@ -60,6 +60,9 @@ TEST(CommandLine, AcceptsEachCommand) {
     EXPECT_EQ(ParseCommandLine(Words("info --wmts http://u --layer L --matrix-set GoogleMapsCompatible")).matrixSet,
               "GoogleMapsCompatible");
     EXPECT_EQ(ParseCommandLine(Words("seed --tms http://u --epsg 3857 --cache d --bbox 0,0,1,1 --max-zoom 4")).maxZoom, 4);
+    EXPECT_EQ(ParseCommandLine(Words("seed --tms http://u --epsg 3857 --cache d --bbox 0,0,1,1 --max-zoom 4 --part 6/7"))
+                  .part,
+              (std::array<uint32_t, 2>{6, 7}));
     EXPECT_EQ(ParseCommandLine(Words("demo -o out")).output, "out");
     EXPECT_TRUE(ParseCommandLine(Words("tile --help")).help);
 }
@@ -111,6 +114,15 @@ TEST(CommandLine, RefusesIncompleteOrContradictoryLines) {
         {"mosaic --tms http://u --epsg 4326 --zoom 1 --bbox 0,86,10,90 -o m.tif",
          "--bbox lies outside the tile grid: -180 to 180, -85.0511 to 85.0511 degrees"},
         {"info --tms http://u --epsg 3857 --timeout 0", "--timeout takes seconds from 0 to 86400, not 0"},
+        {"seed --tms http://u --epsg 3857 --cache d --bbox 0,0,1,1 --max-zoom 3 --part 3/3",
+         "--part takes K/N, a share K from 0 to N-1 of N from 1 to 1000000, not '3/3'"},
+        {"seed --tms http://u --epsg 3857 --cache d --bbox 0,0,1,1 --max-zoom 3 --part -1/3",
+         "--part takes K/N, a share K from 0 to N-1 of N from 1 to 1000000, not '-1/3'"},
+        {"seed --tms http://u --epsg 3857 --cache d --bbox 0,0,1,1 --max-zoom 3 --part 1",
+         "--part takes K/N, a share K from 0 to N-1 of N from 1 to 1000000, not '1'"},
+        {"seed --wmts http://u --layer L --cache d --bbox 0,0,1,1 --max-zoom 3 --part 0/2",
+         "--part needs a --tms service"},
+        {"mosaic --tms http://u --epsg 4326 --zoom 1 --bbox 0,0,1,1 -o m.tif --part 0/2", "--part goes with seed"},
     };
     for (const auto& c : cases) EXPECT_EQ(UsageErrorOf(c.line), c.reason) << c.line;
 }

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -225,6 +226,33 @@ TEST_F(ToolTest, LargeLevelsAreSeededInParts) {
     size_t files = 0;
     for (const auto& entry : fs::recursive_directory_iterator(dir.File("cache"))) files += entry.is_regular_file();
     EXPECT_EQ(files, 5461u);
+}
+
+// Three parts seeded into one cache hold the same files as one whole seed, each tile seeded by
+// one part only, with a box given in another CRS than the service's.
+TEST_F(ToolTest, PartsOfASeedFillOneCacheAsTheWholeSeedDoes) {
+    const std::string seed =
+        " --epsg 3857 --target-epsg 4326 --bbox -30.5,-20.2,41.7,33.3 --min-zoom 1 --max-zoom 5 --quiet --cache ";
+    const auto files = [&](const std::string& root) {
+        std::map<std::string, std::string> found;
+        for (const auto& entry : fs::recursive_directory_iterator(dir.File(root)))
+            if (entry.is_regular_file()) found[fs::relative(entry.path(), dir.File(root)).string()] = ReadText(entry.path());
+        return found;
+    };
+    const Outcome whole = Run("seed --tms " + server.Template("t") + seed + dir.File("whole"));
+    ASSERT_EQ(whole.exitCode, 0) << whole.err;
+    double tiles = 0;
+    for (int part = 0; part < 3; ++part) {
+        const Outcome o = Run("seed --tms " + server.Template("t") + seed + dir.File("parts") + " --part " +
+                              std::to_string(part) + "/3");
+        ASSERT_EQ(o.exitCode, 0) << o.err;
+        EXPECT_EQ(Number(o.out, "cached"), 0) << "no part seeds a tile of another";
+        tiles += Number(o.out, "tiles");
+    }
+    EXPECT_EQ(tiles, Number(whole.out, "tiles"));
+    const auto wholeFiles = files("whole");
+    EXPECT_EQ(wholeFiles.size(), static_cast<size_t>(Number(whole.out, "tiles")));
+    EXPECT_TRUE(files("parts") == wholeFiles);
 }
 
 // Only a tile the cache keeps is fetched; a run that fetched or read none fails, after its counts.

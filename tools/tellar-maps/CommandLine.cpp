@@ -19,7 +19,7 @@ Commands:
   mosaic --zoom Z --bbox A,B,C,D [--best-effort] -o FILE.tif
   map --bbox A,B,C,D --size WxH [--time ISO] -o FILE.tif
   coverage --bbox A,B,C,D --size WxH [--time ISO] -o FILE.tif
-  seed --bbox A,B,C,D --max-zoom Z [--min-zoom Z0]    (needs --cache)
+  seed --bbox A,B,C,D --max-zoom Z [--min-zoom Z0] [--part K/N]    (needs --cache)
   demo [-o DIR]                                serves its own tiles; no service options
 
 Service (exactly one; URLs are http:// or https://):
@@ -40,6 +40,8 @@ degrees, +-20037508.34 m).
 --best-effort is the library's tolerant mosaic: it asks for every tile a second time and
 leaves out a copy that fails, but a tile whose first request fails, or that the server
 answers with no image, still fails the mosaic.
+seed --part K/N (--tms only) seeds the K-th of N shares of every level, K from 0 to N-1:
+N runs, on one machine or many, fill one cache with every tile once.
 Zooms are 0 to 30, tile indices 0 or more. Files are written whole or not at all: a failed
 command leaves an existing file as it was.
 
@@ -103,6 +105,21 @@ uint32_t Timeout(const std::string& text) {
     return static_cast<uint32_t>(std::ceil(seconds * 1000));
 }
 
+// K/N with K from 0 to N-1 and N from 1 to a million.
+std::array<uint32_t, 2> Part(const std::string& text) {
+    const size_t slash = text.find('/');
+    const std::string refusal = "--part takes K/N, a share K from 0 to N-1 of N from 1 to 1000000, not '" + text + "'";
+    if (slash == std::string::npos) throw UsageError(refusal);
+    const auto whole = [&](const std::string& digits) {
+        if (digits.empty() || digits.size() > 7 || digits.find_first_not_of("0123456789") != std::string::npos)
+            throw UsageError(refusal);
+        return static_cast<uint32_t>(std::stoul(digits));
+    };
+    const uint32_t index = whole(text.substr(0, slash)), count = whole(text.substr(slash + 1));
+    if (count < 1 || count > 1000000 || index >= count) throw UsageError(refusal);
+    return {index, count};
+}
+
 void SetService(Options& options, ServiceKind kind, const std::string& option, const std::string& url) {
     if (options.kind != ServiceKind::None) throw UsageError("give exactly one of --tms, --wms, --wmts and --wcs");
     const auto startsWith = [&](const char* scheme) {
@@ -163,6 +180,9 @@ void CheckCommand(const Options& o) {
         Require(o.bbox && o.maxZoom, "seed needs --bbox and --max-zoom");
         Require(o.cacheDir.has_value(), "seed fills a cache: give --cache DIR");
         Require(o.minZoom.value_or(0) <= *o.maxZoom, "--min-zoom must not exceed --max-zoom");
+        Require(!o.part || o.kind == ServiceKind::Tms, "--part needs a --tms service");
+    } else {
+        Require(!o.part.has_value(), "--part goes with seed");
     }
 }
 
@@ -208,6 +228,7 @@ Options ParseCommandLine(const std::vector<std::string>& args) {
         {"--x", [&](const std::string& v) { o.x = Integer<int64_t>("--x", v, 0, INT32_MAX, "0 or more"); }},
         {"--y", [&](const std::string& v) { o.y = Integer<int64_t>("--y", v, 0, INT32_MAX, "0 or more"); }},
         {"--bbox", [&](const std::string& v) { o.bbox = Box(v); }},
+        {"--part", [&](const std::string& v) { o.part = Part(v); }},
         {"--size", [&](const std::string& v) { o.size = Size(v); }},
         {"--time", [&](const std::string& v) { o.time = v; }},
         {"-o", [&](const std::string& v) { o.output = v; }},

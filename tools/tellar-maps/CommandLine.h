@@ -25,6 +25,8 @@ struct Options {
     std::optional<uint32_t> timeoutMs;
 
     std::optional<int32_t> zoom, minZoom, maxZoom;
+    // seed --part K/N: the K-th of N shares of the tiles, K from 0 to N-1.
+    std::optional<std::array<uint32_t, 2>> part;
     std::optional<int64_t> x, y;
     std::optional<std::array<double, 4>> bbox;
     std::optional<std::array<uint32_t, 2>> size;

@@ -463,55 +463,140 @@ JsonObject RunCoverage(IMapService* service, const PictureJob& job) {
     return json;
 }
 
-JsonObject RunSeed(IMapService* service, const SeedJob& job, Progress& progress) {
-    int64_t tiles = 0, fetched = 0, cached = 0, failed = 0;
-    std::string firstError;
-    const auto fail = [&](ITileRequest& request, const std::string& why) {
-        if (!failed++) firstError = fmt::format("tile {}/{}/{}: {}", request.GetZoom(), request.GetX(), request.GetY(), why);
-    };
+namespace {
+
+// What a seed has counted so far.
+class SeedCount {
+public:
+    explicit SeedCount(std::optional<uint32_t> timeoutMs) : timeoutMs_(timeoutMs) {}
+
+    // Waits for the tile and counts it. Fetched means kept in the cache: what the library does
+    // not keep is no tile.
+    void Take(ITileRequest& request) {
+        const Taken taken = TellarMaps::Take(request, timeoutMs_);
+        Ptr<TellarImaging::IImage> image;
+        if (!taken.response.Raw()) {
+            Fail(request, taken.failure);
+        } else if (Platform::Interfaces::IHttpResponse* http = taken.response->GetHttpResponse()) {
+            if (const auto problem = AnswerProblem(*taken.response, *http, image))
+                Fail(request, *problem);
+            else
+                ++fetched_;
+        } else {
+            ++cached_;
+        }
+        ++tiles_;
+    }
+
+    JsonObject Report() const {
+        JsonObject json;
+        json.Add("tiles", tiles_).Add("fetched", fetched_).Add("cached", cached_).Add("failed", failed_);
+        if (failed_) json.Add("first_error", firstError_);
+        return json;
+    }
+    int64_t tiles() const { return tiles_; }
+    bool AnyTileKept() const { return fetched_ + cached_ > 0; }
+    const std::string& firstError() const { return firstError_; }
+
+private:
+    void Fail(ITileRequest& request, const std::string& why) {
+        if (!failed_++)
+            firstError_ = fmt::format("tile {}/{}/{}: {}", request.GetZoom(), request.GetX(), request.GetY(), why);
+    }
+
+    std::optional<uint32_t> timeoutMs_;
+    int64_t tiles_ = 0, fetched_ = 0, cached_ = 0, failed_ = 0;
+    std::string firstError_;
+};
+
+void SeedWholeLevels(IMapService* service, const SeedJob& job, Progress& progress, SeedCount& count) {
     std::vector<LevelPart> levelParts{{job.bbox, 0}};
     for (int32_t zoom = job.minZoom; zoom <= job.maxZoom; ++zoom) {
         // A level too large for one list comes in parts, each with a bar of its own.
         std::string label;
         int parts = 0;
-        uint64_t count = 0;
+        uint64_t size = 0;
         ForEachTileOfLevel(
             service, zoom, levelParts,
-            [&](uint64_t size) {
-                count = size;
+            [&](uint64_t listSize) {
+                size = listSize;
                 label = ++parts == 1 ? fmt::format("zoom {}", zoom) : fmt::format("zoom {} part {}", zoom, parts);
             },
             [&](ITileRequest* request, uint64_t index, bool seen) {
-                if (seen) {
-                    // Already taken with an earlier part; its download here is not waited for.
+                // A tile already taken with an earlier part: its download here is not waited for.
+                if (seen)
                     request->Cancel();
-                } else {
-                    // Fetched means kept in the cache: what the library does not keep is no tile.
-                    const Taken taken = Take(*request, job.timeoutMs);
-                    Ptr<TellarImaging::IImage> image;
-                    if (!taken.response.Raw()) {
-                        fail(*request, taken.failure);
-                    } else if (Platform::Interfaces::IHttpResponse* http = taken.response->GetHttpResponse()) {
-                        if (const auto problem = AnswerProblem(*taken.response, *http, image))
-                            fail(*request, *problem);
-                        else
-                            ++fetched;
-                    } else {
-                        ++cached;
-                    }
-                    ++tiles;
-                }
-                progress.Update(label, index + 1, count);
+                else
+                    count.Take(*request);
+                progress.Update(label, index + 1, size);
             });
     }
+}
+
+// The tile range of a level, from the lists of the box's four corners. The column and the row of
+// a TMS tile grow (or shrink) with one coordinate each, also after a transformation from a target
+// CRS, whose corners bound the box the library reads; so the corners' tiles span the box's. Their
+// requests are cancelled: the tiles are asked for again by the part they fall to.
+TileSpan LevelRange(IMapService* service, int32_t zoom, const std::array<double, 4>& box) {
+    TileSpan span{INT64_MAX, INT64_MAX, INT64_MIN, INT64_MIN};
+    for (const auto& [x, y] : {std::pair{box[0], box[1]}, {box[0], box[3]}, {box[2], box[1]}, {box[2], box[3]}}) {
+        const Ptr<Data::Interfaces::IObjectList> list = TilesForBox(service, zoom, {x, y, x, y});
+        for (uint64_t i = 0; i < list->GetCount(); ++i) {
+            ITileRequest* request = RequestAt(list.Raw(), i);
+            request->Cancel();
+            span = {std::min(span.minX, request->GetX()), std::min(span.minY, request->GetY()),
+                    std::max(span.maxX, request->GetX()), std::max(span.maxY, request->GetY())};
+        }
+    }
+    return span;
+}
+
+// A part's share of every level: the tiles whose index, row by row over the level's range, leaves
+// the part's index when divided by the count of parts. At most TilesPerList requests are in
+// flight at once.
+void SeedShareOfLevels(IMapService* service, const SeedJob& job, Progress& progress, SeedCount& count) {
+    const uint64_t index = job.part->index, parts = job.part->count;
+    std::vector<Ptr<ITileRequest>> batch;
+    for (int32_t zoom = job.minZoom; zoom <= job.maxZoom; ++zoom) {
+        const TileSpan span = LevelRange(service, zoom, job.bbox);
+        if (span.minX > span.maxX || span.minY > span.maxY) continue;
+        const auto width = static_cast<uint64_t>(span.maxX - span.minX) + 1;
+        const uint64_t tiles = width * (static_cast<uint64_t>(span.maxY - span.minY) + 1);
+        const uint64_t share = tiles / parts + (index < tiles % parts ? 1 : 0);
+        const std::string label = fmt::format("zoom {}", zoom);
+        uint64_t taken = 0;
+        const auto drain = [&] {
+            for (const auto& request : batch) {
+                count.Take(*request);
+                progress.Update(label, ++taken, share);
+            }
+            batch.clear();
+        };
+        for (uint64_t i = index; i < tiles; i += parts) {
+            const int64_t x = span.minX + static_cast<int64_t>(i % width), y = span.minY + static_cast<int64_t>(i / width);
+            Ptr<ITileRequest> request;
+            Invoke([&](IErrorCode** e) { return service->GetTile(zoom, x, y, request.ReceiveAddress(), e); });
+            batch.push_back(std::move(request));
+            if (batch.size() == TilesPerList) drain();
+        }
+        drain();
+    }
+}
+
+} // namespace
+
+JsonObject RunSeed(IMapService* service, const SeedJob& job, Progress& progress) {
+    SeedCount count(job.timeoutMs);
+    if (job.part)
+        SeedShareOfLevels(service, job, progress, count);
+    else
+        SeedWholeLevels(service, job, progress, count);
     progress.Finish();
 
-    JsonObject json;
-    json.Add("tiles", tiles).Add("fetched", fetched).Add("cached", cached).Add("failed", failed);
-    if (failed) json.Add("first_error", firstError);
-    if (fetched + cached == 0)
-        throw FailureWithReport(tiles ? "no tile of the run was fetched or read; " + firstError
-                                      : std::string("the box holds no tile"),
+    const JsonObject json = count.Report();
+    if (!count.AnyTileKept() && !(job.part && count.tiles() == 0))
+        throw FailureWithReport(count.tiles() ? "no tile of the run was fetched or read; " + count.firstError()
+                                              : std::string("the box holds no tile"),
                                 json);
     return json;
 }

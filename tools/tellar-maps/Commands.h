@@ -90,11 +90,18 @@ struct SeedJob {
     std::array<double, 4> bbox{};
     int32_t minZoom = 0, maxZoom = 0;
     std::optional<uint32_t> timeoutMs; // for each tile's whole answer
+    // Seed only the tiles whose index in each level (row by row over the level's tile range)
+    // leaves `index` when divided by `count`: `count` runs, one per index, seed every tile once.
+    // Only for services whose tile arithmetic the corner lists span (TMS, EPSG:4326 or 3857).
+    struct Part {
+        uint32_t index = 0, count = 1;
+    };
+    std::optional<Part> part;
 };
 // Takes the response of every tile of the box at each zoom, counting where each came from:
 // `fetched` the tiles that came over HTTP as a tile the cache keeps, `cached` those read from
 // it, `failed` the rest, the first of them told in `first_error`. Throws FailureWithReport when
-// no tile was fetched or read.
+// no tile was fetched or read (a part that holds no tile of the box is no failure).
 JsonObject RunSeed(Tellar::Interfaces::IMapService* service, const SeedJob& job, Progress& progress);
 
 } // namespace TellarMaps

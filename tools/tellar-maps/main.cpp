@@ -62,6 +62,7 @@ JsonObject Run(const Options& options) {
     job.minZoom = options.minZoom.value_or(0);
     job.maxZoom = *options.maxZoom;
     job.timeoutMs = options.timeoutMs;
+    if (options.part) job.part = SeedJob::Part{(*options.part)[0], (*options.part)[1]};
     return RunSeed(service, job, progress);
 }
 
