@@ -367,6 +367,7 @@ private:
     }
 
     void Loop();
+    void EndAllAtExit();
     void Deliver();
     void ProcessDone();
     void CheckTimeouts();
@@ -424,14 +425,19 @@ void Engine::Loop() {
     }
     std::vector<std::function<void()>> work;
     for (;;) {
+        bool stopping = false;
         {
             std::lock_guard lock(queueMutex_);
-            if (stop_) return;
+            stopping = stop_;
             work.swap(queue_);
         }
         for (auto& item : work) item();
         work.clear();
         Deliver();
+        if (stopping) {
+            EndAllAtExit();
+            return;
+        }
 
         StartWaiting();
         int running = 0;
@@ -447,6 +453,22 @@ void Engine::Loop() {
         needsPerform_ = false;
         curl_multi_poll(multi_, nullptr, 0, timeout, nullptr);
     }
+}
+
+// The process is ending. Every request the transport still has ends as if its handle were closed
+// now: one still in flight gets 12017, each gets its handle-closing event, so its owner gives back
+// the transport's reference and frees it instead of leaving it for the system to drop. The work
+// closes handles queued before the end is done first, by the loop.
+void Engine::EndAllAtExit() {
+    std::vector<std::shared_ptr<RequestState>> requests;
+    {
+        std::lock_guard lock(tableMutex_);
+        for (const auto& [id, handle] : table_)
+            if (handle->kind == Kind::Request) requests.push_back(std::static_pointer_cast<RequestState>(handle));
+    }
+    for (const auto& request : requests)
+        if (request->sendIssued.load()) Close(*request, nullptr);
+    Deliver();
 }
 
 void Engine::Deliver() {
