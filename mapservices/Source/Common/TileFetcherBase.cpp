@@ -236,6 +236,7 @@ TileFetcherBase::TileFetcherBase()
       worker_(Platform::Threading::ThreadWorkerManager::GetWorker("Tile Response Worker")) {}
 
 Core::Ptr<Platform::Interfaces::IHttpClient> TileFetcherBase::GetHttpClient() {
+    std::lock_guard lock(clientMutex_);
     if (!httpClient_.IsNull()) return httpClient_;
     auto client = Platform::Network::Http::CreateHttpClient(GetServiceUrl().c_str(), "TellarMapClient/2.0",
                                                             static_cast<uint32_t>(proxyMode_));
@@ -247,6 +248,7 @@ Core::Ptr<Platform::Interfaces::IHttpClient> TileFetcherBase::GetHttpClient() {
 
 void TileFetcherBase::SetProxyMode(int32_t mode) {
     proxyMode_ = mode;
+    std::lock_guard lock(clientMutex_);
     httpClient_.Reset();
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 #include <cstdint>
+#include <mutex>
 #include <string>
 
 #include "Common/TileRequestImpl.h"
@@ -79,7 +80,10 @@ public:
     bool IsSecure() const { return secure_; }
     int32_t GetMaxDownloadZoom() const { return maxDownloadZoom_; }
     const std::string& GetFileExtension() const { return fileExtension_; }
-    const std::string& GetClientUrl() const { return clientUrl_; }
+    std::string GetClientUrl() const {
+        std::lock_guard lock(clientMutex_);
+        return clientUrl_;
+    }
 
 protected:
     // Binds the fetcher to the calling thread (its dispatcher) and to the shared worker.
@@ -97,6 +101,8 @@ protected:
     // client, the worker and the dispatcher.
     Core::Ptr<Platform::Threading::impl::ThreadDispatcher> dispatcher_;
     Core::Ptr<Platform::Threading::impl::ThreadWorker> worker_;
+    // The client is made on first use, by whichever thread asks first.
+    mutable std::mutex clientMutex_;
     Core::Ptr<Platform::Interfaces::IHttpClient> httpClient_;
     std::string clientUrl_;
     std::string layerName_ = "Tiles";
