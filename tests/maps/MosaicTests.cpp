@@ -97,10 +97,13 @@ TEST(Mosaic, LargerTilesAreCut) {
     EXPECT_EQ(Rgb(image, w - 1, h - 1), 0x010101u);
 }
 
-// A tile answered with 404 has no picture to paste: both forms fail with the decoder's text.
+// A tile answered with 404, or with an empty image/png body, has no picture to paste: both
+// forms fail with the decoder's text.
 TEST(Mosaic, MissingTileFailsBothForms) {
-    for (const bool bestEffort : {false, true})
+    for (const bool bestEffort : {false, true}) {
         EXPECT_EQ(WorldMosaic("hole", bestEffort).mosaic.failure, "Unknown image format") << bestEffort;
+        EXPECT_EQ(WorldMosaic("empty", bestEffort).mosaic.failure, "Empty image data: 0 bytes") << bestEffort;
+    }
 }
 
 TEST(Mosaic, BestEffortAsksForEveryTileTwice) {
