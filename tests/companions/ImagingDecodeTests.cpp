@@ -4,6 +4,7 @@
 #include <zlib.h>
 
 #include <cstring>
+#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <tuple>
@@ -298,6 +299,18 @@ TEST(DecodeErrors, BoundaryGuards) {
     EXPECT_EQ(
         Failure([&](auto error) { return CreateImageFromMemoryStream(nullptr, 10, image.ReceiveAddress(), error); }),
         "Pointer of char must not be null!");
+    // No bytes, with or without a buffer, and an empty file: the decoder says the data was empty.
+    const uint8_t none[1] = {};
+    EXPECT_EQ(
+        Failure([&](auto error) { return CreateImageFromMemoryStream(nullptr, 0, image.ReceiveAddress(), error); }),
+        "Empty image data: 0 bytes");
+    EXPECT_EQ(Failure([&](auto error) { return CreateImageFromMemoryStream(none, 0, image.ReceiveAddress(), error); }),
+              "Empty image data: 0 bytes");
+    TestSupport::TempDir dir;
+    std::ofstream(dir.File("empty.png")).close();
+    EXPECT_EQ(
+        Failure([&](auto error) { return OpenImageA(dir.File("empty.png").c_str(), image.ReceiveAddress(), error); }),
+        "Empty image data: 0 bytes");
 
     const Bytes png = TestImages::EncodePng(Layout(1, 1, PNG_COLOR_TYPE_GRAY, 8, Bytes{5}));
     Ptr<IImage> first = DecodeOk(png);

@@ -19,6 +19,7 @@
 #include "TellarImaging/Exports.h"
 #include "TellarImaging/ITransform.h"
 #include "TempDir.h"
+#include "TestServer.h"
 #include "TileServer.h"
 
 namespace {
@@ -97,10 +98,47 @@ TEST(Mosaic, LargerTilesAreCut) {
     EXPECT_EQ(Rgb(image, w - 1, h - 1), 0x010101u);
 }
 
-// A tile answered with 404 has no picture to paste: both forms fail with the decoder's text.
+// A tile answered with 404, or with an empty image/png body, has no picture to paste: both
+// forms fail with the decoder's text.
 TEST(Mosaic, MissingTileFailsBothForms) {
-    for (const bool bestEffort : {false, true})
+    for (const bool bestEffort : {false, true}) {
         EXPECT_EQ(WorldMosaic("hole", bestEffort).mosaic.failure, "Unknown image format") << bestEffort;
+        EXPECT_EQ(WorldMosaic("empty", bestEffort).mosaic.failure, "Empty image data: 0 bytes") << bestEffort;
+    }
+}
+
+// The first tile of a strict mosaic has its connection reset while the other fifteen are still
+// waiting for their answers: the mosaic fails and closes those requests, so none of them stays
+// in flight (or in memory) after the call.
+TEST(Mosaic, NetworkFailureClosesTheRequestsStillInFlight) {
+    std::atomic<int> waiting{0};
+    TestSupport::RawServer server([&](int fd, const std::string& request) {
+        if (request.find("GET /t/2/0/0.png ") != std::string::npos) {
+            // Reset only once the others are all here, so that all of them are in flight.
+            for (int i = 0; i < 500 && waiting.load() < 15; ++i)
+                std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            TestSupport::RawServer::Reset(fd);
+            return;
+        }
+        ++waiting;
+        TestSupport::RawServer::Hang(fd, request); // until the client goes
+        --waiting;
+    });
+    auto service = Service(server.Base() + "/t/{z}/{x}/{y}.png", 4326);
+    auto box = Box(-179, -84, 179, 84);
+    EXPECT_NE(GetMosaic(*service, 2, box.Raw()).failure, "");
+    for (int i = 0; i < 500 && waiting.load() > 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(waiting.load(), 0) << "requests left in flight";
+
+    // Every connection refused: the requests after the first are still with the transport when
+    // the first fails. Left alone they outlived the test, and LeakSanitizer found them at exit.
+    int port = 0;
+    {
+        TestSupport::RawServer gone([](int, const std::string&) {});
+        port = gone.Port();
+    }
+    auto refused = Service("http://127.0.0.1:" + std::to_string(port) + "/t/{z}/{x}/{y}.png", 4326);
+    EXPECT_NE(GetMosaic(*refused, 2, box.Raw()).failure, "");
 }
 
 TEST(Mosaic, BestEffortAsksForEveryTileTwice) {

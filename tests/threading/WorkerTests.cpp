@@ -1,4 +1,5 @@
 #include <atomic>
+#include <chrono>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -66,6 +67,37 @@ void StoreParam(const Data::Structures::VARIANT* param, Core::IErrorCode**) {
 
 void LeaveError(const Data::Structures::VARIANT*, Core::IErrorCode** ppError) {
     *ppError = Core::MakeErrorCode(2, "posted function failed").Detach();
+}
+
+// Once touched on a thread, makes that thread's end take a few milliseconds longer: it is torn
+// down before the thread's queue, so it widens the gap between a worker's loop ending and its
+// queue closing, where a post that raced Stop is queued but never run.
+struct SlowThreadEnd {
+    ~SlowThreadEnd() { std::this_thread::sleep_for(std::chrono::milliseconds(3)); }
+};
+thread_local SlowThreadEnd t_slowThreadEnd;
+
+void DoNothingPosted(const Data::Structures::VARIANT*, Core::IErrorCode**) {}
+
+// Posts to `worker` until a post finds its loop ended, through Post or through the boundary.
+std::vector<AsyncTask> PostUntilRefused(ThreadWorker& worker, bool boundary) {
+    std::vector<AsyncTask> tasks;
+    for (;;) {
+        AsyncTask task;
+        if (boundary) {
+            Core::Ptr<IAsyncTask> raw;
+            Core::Ptr<Core::IErrorCode> error;
+            worker._abi_Post(&DoNothingPosted, nullptr, raw.ReceiveAddress(), error.ReceiveAddress());
+            task = AsyncTask(std::move(raw));
+        } else {
+            task = worker.Post([] {});
+        }
+        // A null task: the thread had ended, the post failed as QueueUserAPC fails.
+        if (!task.Raw()) return tasks;
+        const bool refused = task->GetState() == AsyncTaskCompleted && !task.GetResultVariant().IsEmpty();
+        tasks.push_back(std::move(task));
+        if (refused) return tasks;
+    }
 }
 
 } // namespace
@@ -138,6 +170,34 @@ TEST(Worker, AfterStopAPostCompletesAtOnceWithTheError) {
               "ThreadWorker [Stopping] cannot start from different thread!");
 }
 
+// A post that loses the race with Stop, queued after the loop's last look at its queue and
+// before the thread ends, ends as cancelled: every waiter wakes, whatever the interleaving.
+TEST(Worker, PostsRacingStopAllEnd) {
+    TestSupport::ScopedRecordingLogger logger; // keeps the failed posts' lines out of the output
+    int lostRaces = 0;
+    for (int round = 0; round < 200; ++round) {
+        auto worker = MakeWorker("Racing Stop");
+        ASSERT_TRUE(Finished(worker->Post([] { (void)&t_slowThreadEnd; })));
+        std::atomic<bool> go{false};
+        std::vector<AsyncTask> posted[6];
+        std::vector<std::thread> posters;
+        for (int p = 0; p < 6; ++p)
+            posters.emplace_back([&, p] {
+                while (!go.load()) std::this_thread::yield();
+                posted[p] = PostUntilRefused(*worker, p == 0);
+            });
+        go = true;
+        AsyncTask stop = worker->Stop();
+        for (auto& poster : posters) poster.join();
+        ASSERT_TRUE(Finished(stop));
+        for (auto& tasks : posted)
+            for (auto& task : tasks) {
+                ASSERT_TRUE(Finished(task)) << "round " << round << ", state " << task->GetState();
+                if (task->GetState() == AsyncTaskCancelled) ++lostRaces;
+            }
+    }
+    RecordProperty("LostRaces", lostRaces);
+}
 TEST(Worker, StartAndTimeoutBelongToTheWorkersOwnThread) {
     TestSupport::ScopedRecordingLogger logger;
     auto worker = MakeWorker("Owned");
@@ -319,4 +379,25 @@ TEST(Dispatcher, APostToAThreadThatEndedFails) {
     Core::Ptr<Core::IErrorCode> error;
     EXPECT_TRUE(dispatcher->_abi_Post(&StoreParam, nullptr, raw.ReceiveAddress(), error.ReceiveAddress()));
     EXPECT_EQ(raw.Raw(), nullptr);
+}
+
+TEST(Dispatcher, APostStillQueuedWhenItsThreadEndsIsCancelled) {
+    Core::Ptr<ThreadDispatcher> dispatcher;
+    AlertableEvent made, posted;
+    std::thread thread([&] {
+        dispatcher = Core::MakeObject<ThreadDispatcher>();
+        made.Set();
+        // Ends without another alertable wait: what was posted never gets its turn.
+        Helpers::WaitForSingleObject(posted, Patience, false, false);
+    });
+    ASSERT_TRUE(Helpers::WaitForSingleObject(made, Patience, false, false));
+    bool called = false;
+    AsyncTask task = dispatcher->Post([&] { called = true; });
+    ASSERT_TRUE(task.Raw());
+    posted.Set();
+    thread.join();
+    EXPECT_TRUE(Finished(task));
+    EXPECT_EQ(task->GetState(), AsyncTaskCancelled);
+    EXPECT_FALSE(called);
+    EXPECT_TRUE(dispatcher->IsIdle());
 }

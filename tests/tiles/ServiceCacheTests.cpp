@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -77,4 +78,25 @@ TEST(ServiceCache, SavesCompleteBodiesOnly) {
     EXPECT_FALSE(std::filesystem::exists(dir.File("none.bin"))) << "no response, no file";
     fetcher->SaveServiceResponse(Fetched(server, "empty"), handler, dir.File("empty.bin"));
     EXPECT_FALSE(std::filesystem::exists(dir.File("empty.bin"))) << "an empty body makes no file";
+}
+
+TEST(ServiceCache, AWriteRemovesStaleTemporaryFilesOfItsDirectory) {
+    TestSupport::TileServer server;
+    TestSupport::TempDir dir;
+    auto fetcher = Core::MakeObject<ServiceFetcher>(dir.Path().string());
+    ServiceImageRequestHandler handler{Core::MakeObject<BoxRequest>(9), {}};
+    auto leave = [&](const std::string& name, std::chrono::minutes age) {
+        std::ofstream(dir.File(name)) << "partial";
+        std::filesystem::last_write_time(dir.File(name), std::filesystem::file_time_type::clock::now() - age);
+        return dir.File(name);
+    };
+    const std::string stale = leave("tile.png.4242.17.part", std::chrono::minutes(61));
+    const std::string fresh = leave("tile.png.4243.18.part", std::chrono::minutes(50));
+    const std::string foreign = leave("notes.part", std::chrono::minutes(600));
+
+    fetcher->SaveServiceResponse(Fetched(server, "octet"), handler, dir.File("given.bin"));
+    ASSERT_TRUE(std::filesystem::exists(dir.File("given.bin")));
+    EXPECT_FALSE(std::filesystem::exists(stale)) << "left by a writer that died an hour ago";
+    EXPECT_TRUE(std::filesystem::exists(fresh)) << "another writer may still be busy with it";
+    EXPECT_TRUE(std::filesystem::exists(foreign)) << "not a name of ours";
 }

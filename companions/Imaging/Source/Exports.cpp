@@ -30,6 +30,8 @@ bool StartsWith(const uint8_t* data, size_t size, const char* prefix, size_t len
 }
 
 Core::Ptr<IImage> Decode(const uint8_t* data, size_t size) {
+    // No bytes at all (an empty 200 body, a 204) is a failure of its own, not an unknown format.
+    if (size == 0) throw std::runtime_error("Empty image data: 0 bytes");
     if (StartsWith(data, size, "\x89PNG\r\n\x1a\n", 8)) return NewPlainImage(DecodePng(data, size));
     if (StartsWith(data, size, "\xff\xd8\xff", 3)) return NewPlainImage(DecodeJpeg(data, size));
     if (StartsWith(data, size, "RIFF", 4) && StartsWith(data, size, "WEBP", 4, 8))
@@ -133,7 +135,8 @@ private:
 bool CreateImageFromMemoryStream(const void* data, uint64_t size, IImage** ppImage, Core::IErrorCode** ppError) {
     return Core::AbiGuard(
         [&] {
-            Core::ThrowIfNull(static_cast<const char*>(data));
+            // No bytes may come without a buffer; Decode tells the caller the data was empty.
+            if (size != 0) Core::ThrowIfNull(static_cast<const char*>(data));
             Core::CheckResultAddress(ppImage);
             *ppImage = Decode(static_cast<const uint8_t*>(data), size_t(size)).Detach();
         },

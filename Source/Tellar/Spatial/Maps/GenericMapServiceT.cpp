@@ -60,6 +60,10 @@ void ForEachTile(const TileRange& range, F&& f) {
 // The most tiles one list or mosaic may hold; an unset box (±1.8e308) would ask for 2^128.
 constexpr uint64_t MaxTiles = 1048576;
 
+// How long a failed mosaic waits, per request, for the transport to let go of the downloads it
+// closed; the transport does it as soon as it sees the close.
+constexpr uint32_t AbandonPatience = 10000;
+
 // The product of two decimal numbers, in decimal.
 std::string DecimalProduct(const std::string& a, const std::string& b) {
     std::vector<int> digits(a.size() + b.size(), 0);
@@ -296,17 +300,30 @@ TellarImaging::ITiffImage* GenericMapServiceT<I>::MakeMosaic(int32_t zoom, const
         responses.push_back(std::move(response));
     };
     const Core::Ptr<Data::Interfaces::IObjectList> list = MakeTileList(zoom, range);
-    if (bestEffort) {
-        // A second request per tile, whose failure only leaves that copy out.
-        ForEachTile(range, [&](int64_t x, int64_t y) {
-            Core::Ptr<ITileRequest> request = MakeTileRequest(zoom, x, y);
-            Core::Ptr<ITileResponse> response;
-            Core::Ptr<Core::IErrorCode> error;
-            if (request->GetResponse(response.ReceiveAddress(), error.ReceiveAddress()))
-                responses.push_back(std::move(response));
-        });
+    try {
+        if (bestEffort) {
+            // A second request per tile, whose failure only leaves that copy out.
+            ForEachTile(range, [&](int64_t x, int64_t y) {
+                Core::Ptr<ITileRequest> request = MakeTileRequest(zoom, x, y);
+                Core::Ptr<ITileResponse> response;
+                Core::Ptr<Core::IErrorCode> error;
+                if (request->GetResponse(response.ReceiveAddress(), error.ReceiveAddress()))
+                    responses.push_back(std::move(response));
+            });
+        }
+        for (uint64_t i = 0; i < list->GetCount(); ++i) take(*dynamic_cast<ITileRequest*>(list->GetItem(i)));
+    } catch (...) {
+        // The downloads of the list still going would run on after the call that wanted them has
+        // failed, each request held by the transport until its exchange ends (at exit, for ever).
+        // They are closed, all at once, and the failure is passed on once the transport has let
+        // go of them.
+        std::vector<TileRequestImpl*> requests;
+        for (uint64_t i = 0; i < list->GetCount(); ++i)
+            if (auto* request = dynamic_cast<TileRequestImpl*>(list->GetItem(i))) requests.push_back(request);
+        for (TileRequestImpl* request : requests) request->Abandon();
+        for (TileRequestImpl* request : requests) request->AwaitRelease(AbandonPatience);
+        throw;
     }
-    for (uint64_t i = 0; i < list->GetCount(); ++i) take(*dynamic_cast<ITileRequest*>(list->GetItem(i)));
 
     const uint32_t serviceEpsg = serviceCrs_->GetEpsgCode();
     Core::Ptr<TellarImaging::IImage> image = ComposeMosaic(range, responses, serviceEpsg, zoom);

@@ -83,6 +83,17 @@ void TileRequestImpl::Cancel() {
     if (task_.Raw()) task_->Cancel();
 }
 
+void TileRequestImpl::Abandon() {
+    Cancel();
+    // Closing ends the exchange at once: the task is cancelled by the close, and the transport
+    // gives back its reference to the request when the handle has closed.
+    if (!httpRequest_.IsNull() && !httpRequest_->IsClosed()) httpRequest_->Close();
+}
+
+void TileRequestImpl::AwaitRelease(uint32_t timeout) {
+    if (!httpRequest_.IsNull()) httpRequest_.WaitReleased(timeout);
+}
+
 Core::Ptr<Tellar::Interfaces::ITileResponse> TileRequestImpl::ReadCacheFile() const {
     Core::Ptr<Platform::Interfaces::IFile> file;
     Core::Ptr<Core::IErrorCode> error;

@@ -32,6 +32,14 @@ public:
     bool GetResponse(Tellar::Interfaces::ITileResponse** ppResponse, Core::IErrorCode** ppError) override;
     bool GetBounds(Tellar::Interfaces::IBoundingBox2d** ppBox, Core::IErrorCode** ppError) override;
 
+    // Gives the tile up for good: like Cancel, and a download still going is closed (releasing
+    // a request alone leaves its download running). For a list that nobody outside will read,
+    // such as that of a mosaic that failed.
+    void Abandon();
+    // After Abandon: waits up to `timeout` ms until the transport has let go of the download,
+    // so that nothing of it outlives this object.
+    void AwaitRelease(uint32_t timeout);
+
 private:
     Core::Ptr<Tellar::Interfaces::ITileResponse> ReadCacheFile() const;
     Core::Ptr<Tellar::Interfaces::ITileResponse> AwaitDownload() const;

@@ -17,7 +17,8 @@ enum ImageFileFormat : int32_t {
 
 // Decodes PNG, JPEG, WebP or TIFF. PNG, JPEG and WebP give a plain image in RGBA with 8 bits
 // per sample; TIFF gives an ITiffImage2 (an ITiledTiffImage for a tiled file) in its own
-// sample layout, with its georeference.
+// sample layout, with its georeference. No bytes (`size` 0, `data` null or not) fail with
+// "Empty image data: 0 bytes".
 TELLAR_API bool CreateImageFromMemoryStream(const void* data, uint64_t size, TellarImaging::IImage** ppImage,
                                             Core::IErrorCode** ppError);
 // The same from a file.

@@ -27,7 +27,8 @@ public:
     ThreadWorker(std::string name, bool shouldDetach, uint32_t timeout);
 
     // Runs `function` on the worker's thread. After Stop the task is complete at once and its
-    // result is the error "Thread event loop ended. New tasks cannot be queued anymore.".
+    // result is the error "Thread event loop ended. New tasks cannot be queued anymore."; a post
+    // that raced Stop and was queued as the loop ended is cancelled when the thread ends.
     template <class F>
     AsyncTask Post(F&& function) {
         // The body keeps the function itself, so a small one needs no allocation of its own.

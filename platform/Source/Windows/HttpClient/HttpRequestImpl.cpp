@@ -374,7 +374,14 @@ void HttpRequestImpl::OnHandleClosing() {
     completion = nullptr;
     headers = nullptr;
     client = nullptr;
+    releasedEvent_.Set();
     Release(); // the transport's reference
+}
+
+bool HttpRequestImpl::WaitReleased(uint32_t timeout) {
+    if (!sent_.load()) return true;
+    Helpers::WaitForSingleObject(releasedEvent_, timeout, false, false);
+    return releasedEvent_.IsSet();
 }
 
 } // namespace Platform::Windows::Network::Http
@@ -391,6 +398,11 @@ bool HttpRequest::SendHttpRequestAsync(ResponseFunction function) const {
     });
     request->SetErrorCallback([](Interfaces::IHttpRequest*, uint32_t) {});
     return request->Send();
+}
+
+bool HttpRequest::WaitReleased(uint32_t timeout) const {
+    auto* request = dynamic_cast<Windows::Network::Http::HttpRequestImpl*>(Get());
+    return !request || request->WaitReleased(timeout);
 }
 
 } // namespace Platform::Network::Http

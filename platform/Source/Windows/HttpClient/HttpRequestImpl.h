@@ -71,6 +71,10 @@ public:
     void OnRequestError();
     void OnHandleClosing();
 
+    // Waits up to `timeout` ms until the transport has given back its reference (its last event
+    // for the request has run); true at once when the request was never sent.
+    bool WaitReleased(uint32_t timeout);
+
     uint32_t State() const { return state_.load(); }
 
 private:
@@ -85,6 +89,7 @@ private:
     std::atomic<Transport::Handle> handle_;
     uint32_t method_;
     Platform::Threading::AlertableEvent completionEvent_;
+    Platform::Threading::AlertableEvent releasedEvent_; // the transport's reference is given back
     Core::Ptr<Interfaces::IHttpResponse> response_;
     Core::Ptr<Interfaces::IHttpClient> client_;
     Core::Ptr<Core::IObject> userObject_;

@@ -37,6 +37,23 @@ inline void RecordFailure(AsyncTaskImpl& task, const char* message) {
     task.SetState(Interfaces::AsyncTaskFailed);
 }
 
+// The end of a task's turn, run or not: the thread lets go of it, its waiters wake, and the
+// body and callback go after that.
+template <class T>
+void EndRun(AsyncData<T>& task) noexcept {
+    if (T* thread = task.m_Thread.Raw()) thread->m_PendingTasks.fetch_sub(1);
+    task.m_Thread.Reset();
+    task.Signal();
+    // The body may hold the last reference to anything, the thread included.
+    std::function<Data::Variant()> body = std::move(task.m_Body);
+    task.m_Body = nullptr;
+    body = nullptr;
+    try {
+        task.SetStatusCallback(nullptr);
+    } catch (...) {
+    }
+}
+
 // Runs a task on its target thread. Nothing thrown by the body reaches the thread's loop.
 template <class T>
 void Impl_ThreadworkCallback(AsyncData<T>& task) noexcept {
@@ -64,17 +81,7 @@ void Impl_ThreadworkCallback(AsyncData<T>& task) noexcept {
         // Recording the failure threw (a status callback or the logger): the run still ends.
     }
 
-    if (T* thread = task.m_Thread.Raw()) thread->m_PendingTasks.fetch_sub(1);
-    task.m_Thread.Reset();
-    task.Signal();
-    // The body may hold the last reference to anything, the thread included.
-    std::function<Data::Variant()> body = std::move(task.m_Body);
-    task.m_Body = nullptr;
-    body = nullptr;
-    try {
-        task.SetStatusCallback(nullptr);
-    } catch (...) {
-    }
+    EndRun(task);
 }
 
 // Queued-function entry points: the task's queue reference is released after the run, or
@@ -86,9 +93,18 @@ void RunQueuedTask(void* argument) noexcept {
     task->Release();
 }
 
+// The thread ended (its loop was stopped, or it returned) before the task's turn came: the task
+// ends as cancelled, so that whoever waits for it wakes instead of waiting for ever.
 template <class T>
 void DiscardQueuedTask(void* argument) noexcept {
-    static_cast<AsyncData<T>*>(argument)->Release();
+    auto* task = static_cast<AsyncData<T>*>(argument);
+    try {
+        task->SetState(Interfaces::AsyncTaskCancelled);
+    } catch (...) {
+        // A status callback threw: the task is cancelled all the same.
+    }
+    EndRun(*task);
+    task->Release();
 }
 
 } // namespace details

@@ -48,6 +48,12 @@ public:
     // Sends the request; `function` gets the response, or an empty one when the request closed
     // first. It runs on a transport thread. False when the send was refused.
     bool SendHttpRequestAsync(ResponseFunction function) const;
+
+    // After Close: waits up to `timeout` ms until the transport has let go of the request (it
+    // holds a reference from the send until the handle has closed), so that dropping this handle
+    // then frees it. True when it has, or never held it. Not from a transport thread, whose
+    // events this waits for.
+    bool WaitReleased(uint32_t timeout) const;
 };
 
 } // namespace Platform::Network::Http
