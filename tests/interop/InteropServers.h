@@ -126,6 +126,9 @@ struct HttpAnswer {
     std::string body;
 };
 HttpAnswer HttpGet(const std::string& url, std::chrono::seconds timeout = std::chrono::seconds(30));
+// A fixture's first answer that is a 200 holding `mark`, asked for up to three times, ten seconds
+// each: a start of the server's program lost on a loaded machine does not fail the whole suite.
+HttpAnswer FirstAnswer(const std::string& url, const std::string& mark);
 HttpAnswer HttpPost(const std::string& url, const std::string& body, const std::string& contentType,
                     std::chrono::seconds timeout = std::chrono::seconds(30));
 
@@ -202,7 +205,7 @@ public:
     static constexpr const char* UtmCoverage = "grid_utm";
     static constexpr int UtmEpsg = 32632;
     static constexpr double UtmGridCell = 500;
-    static constexpr LonLatBox UtmGridBox{500000, 4000000 - GridRows * UtmGridCell, 500000 + GridColumns * UtmGridCell,
+    static constexpr LonLatBox UtmGridBox{500000, 4000000 - GridRows* UtmGridCell, 500000 + GridColumns* UtmGridCell,
                                           4000000};
     // Every layer names one style, "default" (MapServer lists none for a raster layer otherwise).
     // The start of the ServiceException text of an XML GetCoverage POST.
