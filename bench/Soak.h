@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -40,15 +41,39 @@ inline std::string TileBody() {
     return body;
 }
 
-// Writes `body` as `dir`/www/tile.png and gives the server block of an nginx that answers every
-// tile address with it.
-inline std::string ServeOneTile(const std::filesystem::path& dir, const std::string& body) {
-    std::filesystem::create_directories(dir / "www");
-    std::ofstream(dir / "www" / "tile.png", std::ios::binary)
-        .write(body.data(), static_cast<std::streamsize>(body.size()));
-    return "    root " + (dir / "www").string() +
-           ";\n    types { image/png png; }\n    location / { rewrite ^ /tile.png break; }";
-}
+// An nginx in a temporary directory of its own that answers every tile address with `body`, from
+// www/tile.png there; the directory goes with it.
+class OneTileServer {
+public:
+    explicit OneTileServer(const char* name) : body(TileBody()) {
+        std::string pattern = std::string("/tmp/") + name + ".XXXXXX";
+        if (::mkdtemp(pattern.data())) dir_ = pattern;
+    }
+    ~OneTileServer() {
+        if (nginx_) nginx_->Stop();
+        std::error_code ignored;
+        if (!dir_.empty()) std::filesystem::remove_all(dir_, ignored);
+    }
+    bool Start() {
+        if (dir_.empty()) return false;
+        std::filesystem::create_directories(dir_ / "www");
+        std::ofstream(dir_ / "www" / "tile.png", std::ios::binary)
+            .write(body.data(), static_cast<std::streamsize>(body.size()));
+        nginx_ = std::make_unique<Bench::LoopbackNginx>(
+            dir_, "    root " + (dir_ / "www").string() +
+                      ";\n    types { image/png png; }\n    location / { rewrite ^ /tile.png break; }");
+        if (nginx_->Start()) return true;
+        std::fprintf(stderr, "nginx could not start\n");
+        return false;
+    }
+    std::string UrlTemplate() const { return nginx_->Base() + "/{z}/{x}/{y}.png"; }
+
+    const std::string body;
+
+private:
+    std::filesystem::path dir_;
+    std::unique_ptr<Bench::LoopbackNginx> nginx_;
+};
 
 inline double ResidentMiB() {
     std::ifstream statm("/proc/self/statm");

@@ -22,21 +22,15 @@
 using Core::Ptr;
 
 int main() {
-    char pattern[] = "/tmp/soak_blocking_bench.XXXXXX";
-    if (!::mkdtemp(pattern)) return 1;
-    const std::filesystem::path dir = pattern;
-    const std::string body = Soak::TileBody();
-    Bench::LoopbackNginx nginx(dir, Soak::ServeOneTile(dir, body));
-    if (!nginx.Start()) {
-        std::fprintf(stderr, "nginx could not start\n");
-        return 1;
-    }
+    Soak::OneTileServer server("soak_blocking_bench");
+    if (!server.Start()) return 1;
+    const std::string& body = server.body;
 
     Ptr<Tellar::Interfaces::IEpsg> epsg;
     TellarSpatialProjection_CreateEpsg(epsg.ReceiveAddress(), nullptr);
     Ptr<Tellar::Interfaces::IMapService> service;
     Ptr<Core::IErrorCode> error;
-    const std::string url = nginx.Base() + "/{z}/{x}/{y}.png";
+    const std::string url = server.UrlTemplate();
     if (!TellarSpatialMaps_CreateMapServiceFromTmsUrl(epsg.Raw(), url.c_str(), 3857, service.ReceiveAddress(),
                                                       error.ReceiveAddress())) {
         std::fprintf(stderr, "no service: %s\n", error.Raw() ? error->GetMessage() : "");
@@ -73,7 +67,5 @@ int main() {
 
     const bool flat = record.Report("blocking road (GetTile, GetResponse)");
     std::printf("  responses: %d failed, %d without the tile's bytes\n", failed, wrong);
-    nginx.Stop();
-    std::filesystem::remove_all(dir);
     return failed == 0 && wrong == 0 && flat ? 0 : 1;
 }

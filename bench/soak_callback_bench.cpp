@@ -22,17 +22,11 @@
 namespace ThreadHelpers = Platform::Windows::Threading::ThreadHelpers;
 
 int main() {
-    char pattern[] = "/tmp/soak_callback_bench.XXXXXX";
-    if (!::mkdtemp(pattern)) return 1;
-    const std::filesystem::path dir = pattern;
-    const std::string body = Soak::TileBody();
-    Bench::LoopbackNginx nginx(dir, Soak::ServeOneTile(dir, body));
-    if (!nginx.Start()) {
-        std::fprintf(stderr, "nginx could not start\n");
-        return 1;
-    }
+    Soak::OneTileServer server("soak_callback_bench");
+    if (!server.Start()) return 1;
+    const std::string& body = server.body;
 
-    auto fetcher = Core::MakeObject<MapServices::Tms::impl::TmsFetcherImpl>(nginx.Base() + "/{z}/{x}/{y}.png", 0);
+    auto fetcher = Core::MakeObject<MapServices::Tms::impl::TmsFetcherImpl>(server.UrlTemplate(), 0);
     fetcher->SetCacheEnabled(false);
 
     std::vector<uint8_t> calls(Soak::Requests, 0);
@@ -83,7 +77,5 @@ int main() {
     const bool exact = !stalled && refused == 0 && wrong == 0 && twice == 0 && never == 0;
     std::printf("  callbacks: %d missing, %d more than once, %d without the tile's bytes, %d refused%s\n", never, twice,
                 wrong, refused, stalled ? ", stalled for 30 s" : "");
-    nginx.Stop();
-    std::filesystem::remove_all(dir);
     return exact && flat ? 0 : 1;
 }
