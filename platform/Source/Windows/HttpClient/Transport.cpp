@@ -80,7 +80,8 @@ struct SessionState final : HandleBase {
     uint32_t accessType = AccessTypeDefaultProxy;
     std::string proxy;
     std::string proxyBypass;
-    std::mutex mutex; // guards what follows
+    std::string caBundle; // certificates to trust instead of curl's built-in bundle; empty for those
+    std::mutex mutex;     // guards what follows
     StatusCallback callback = nullptr;
     Timeouts timeouts;
     bool tls12Only = false;
@@ -841,6 +842,7 @@ void Engine::Launch(RequestState& request) {
         curl_easy_setopt(easy, CURLOPT_SSLVERSION,
                          static_cast<long>(CURL_SSLVERSION_TLSv1_2) | static_cast<long>(CURL_SSLVERSION_MAX_TLSv1_2));
     curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, http2 ? CURL_HTTP_VERSION_2TLS : CURL_HTTP_VERSION_1_1);
+    if (!session.caBundle.empty()) curl_easy_setopt(easy, CURLOPT_CAINFO, session.caBundle.c_str());
     if (decompression) {
         const char* encodings = (decompression & DecompressionGzip) && (decompression & DecompressionDeflate)
                                     ? "gzip, deflate"
@@ -1027,6 +1029,15 @@ Handle Open(const char* userAgent, uint32_t accessType, const char* proxyName, c
     session->accessType = accessType;
     session->proxy = proxyName ? proxyName : "";
     session->proxyBypass = proxyBypass ? proxyBypass : "";
+    // The curl tool's variable, then OpenSSL's: a bundle named there replaces the built-in one.
+    // Peers are always verified against whichever applies.
+    for (const char* name : {"CURL_CA_BUNDLE", "SSL_CERT_FILE"}) {
+        const char* value = std::getenv(name);
+        if (value && *value) {
+            session->caBundle = value;
+            break;
+        }
+    }
     return Engine::Get().Register(session);
 }
 
