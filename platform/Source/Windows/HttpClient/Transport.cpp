@@ -80,7 +80,8 @@ struct SessionState final : HandleBase {
     uint32_t accessType = AccessTypeDefaultProxy;
     std::string proxy;
     std::string proxyBypass;
-    std::mutex mutex; // guards what follows
+    std::string caBundle; // certificates to trust instead of curl's built-in bundle; empty for those
+    std::mutex mutex;     // guards what follows
     StatusCallback callback = nullptr;
     Timeouts timeouts;
     bool tls12Only = false;
@@ -176,6 +177,7 @@ struct RequestState final : HandleBase {
     CURL* easy = nullptr;
     curl_slist* slist = nullptr;
     std::string url;
+    bool http2 = false;   // the session offers HTTP/2
     bool waiting = false; // sent, waiting for room in the multi handle
     bool transferDone = false;
     uint32_t transferError = 0;
@@ -375,6 +377,7 @@ private:
     void Detach(RequestState& request);
     void DeliverError(RequestState& request, uint32_t api);
     void Restart(RequestState& request);
+    void SetPipeWait(RequestState& request);
     void Push(RequestState& request, uint32_t status, void* buffer = nullptr, uint32_t bytes = 0,
               AsyncResult result = {}) {
         events_.push_back(
@@ -567,6 +570,7 @@ void Engine::Restart(RequestState& request) {
     ++request.redirects;
     request.url = request.redirectTarget;
     curl_easy_setopt(request.easy, CURLOPT_URL, request.url.c_str());
+    SetPipeWait(request);
     const bool toGet = request.verb != "HEAD" &&
                        (request.blockStatus == 303 ||
                         ((request.blockStatus == 301 || request.blockStatus == 302) && request.verb == "POST"));
@@ -580,6 +584,14 @@ void Engine::Restart(RequestState& request) {
     request.blockStatus = 0;
     curl_multi_add_handle(multi_, request.easy);
     needsPerform_ = true;
+}
+
+void Engine::SetPipeWait(RequestState& request) {
+    // A burst of HTTP/2 requests to one host would otherwise open a connection each before the
+    // first handshake shows that they can all share it. Plain http is never multiplexed here, so
+    // those transfers do not wait.
+    const bool multiplexed = request.http2 && request.url.rfind("https:", 0) == 0;
+    curl_easy_setopt(request.easy, CURLOPT_PIPEWAIT, multiplexed ? 1L : 0L);
 }
 
 void Engine::CheckTimeouts() {
@@ -841,6 +853,9 @@ void Engine::Launch(RequestState& request) {
         curl_easy_setopt(easy, CURLOPT_SSLVERSION,
                          static_cast<long>(CURL_SSLVERSION_TLSv1_2) | static_cast<long>(CURL_SSLVERSION_MAX_TLSv1_2));
     curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, http2 ? CURL_HTTP_VERSION_2TLS : CURL_HTTP_VERSION_1_1);
+    request.http2 = http2;
+    SetPipeWait(request);
+    if (!session.caBundle.empty()) curl_easy_setopt(easy, CURLOPT_CAINFO, session.caBundle.c_str());
     if (decompression) {
         const char* encodings = (decompression & DecompressionGzip) && (decompression & DecompressionDeflate)
                                     ? "gzip, deflate"
@@ -1027,6 +1042,15 @@ Handle Open(const char* userAgent, uint32_t accessType, const char* proxyName, c
     session->accessType = accessType;
     session->proxy = proxyName ? proxyName : "";
     session->proxyBypass = proxyBypass ? proxyBypass : "";
+    // The curl tool's variable, then OpenSSL's: a bundle named there replaces the built-in one.
+    // Peers are always verified against whichever applies.
+    for (const char* name : {"CURL_CA_BUNDLE", "SSL_CERT_FILE"}) {
+        const char* value = std::getenv(name);
+        if (value && *value) {
+            session->caBundle = value;
+            break;
+        }
+    }
     return Engine::Get().Register(session);
 }
 
