@@ -117,6 +117,21 @@ std::string HugeDimensionsPng() {
     return png;
 }
 
+// `text` deflated with the zlib wrapper (15 window bits) or bare (-15).
+std::string Deflated(const std::string& text, int windowBits) {
+    z_stream stream{};
+    deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, windowBits, 8, Z_DEFAULT_STRATEGY);
+    std::string out(deflateBound(&stream, text.size()), '\0');
+    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
+    stream.avail_in = static_cast<uInt>(text.size());
+    stream.next_out = reinterpret_cast<Bytef*>(out.data());
+    stream.avail_out = static_cast<uInt>(out.size());
+    deflate(&stream, Z_FINISH);
+    out.resize(stream.total_out);
+    deflateEnd(&stream);
+    return out;
+}
+
 std::string ReadFile(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), {}};
@@ -435,6 +450,7 @@ std::vector<Row> Table() {
     const std::string huge = std::to_string(HugeBytes) + " bytes";
     // A gzip member whose first block is stored with lengths that disagree.
     const std::string garbledGzip = std::string("\x1f\x8b\x08\0\0\0\0\0\0\x03\x01\x05\0\0\0", 15) + "hello";
+    const std::string gzipped = TestSupport::Gzip(png);
     const std::string chunkedHead = "HTTP/1.1 200 OK\r\n" + pngType + "Transfer-Encoding: chunked\r\n\r\n";
     // Columns: GetResponse, GetImage, GetImageBestEffort, FetchTileData, FetchTileAsync, DownloadMap,
     // GetMapAsync, GetDataAsync, GetMapSync.
@@ -472,6 +488,11 @@ std::vector<Row> Table() {
          true},
         {"gzip", Reply(200, pngType + "Content-Encoding: gzip\r\n", TestSupport::Gzip(png)), png, true, 0, Good},
         {"bad-gzip", Reply(200, pngType + "Content-Encoding: gzip\r\n", garbledGzip), "", false, 0, Broken},
+        {"deflate", Reply(200, pngType + "Content-Encoding: deflate\r\n", Deflated(png, 15)), png, true, 0, Good},
+        {"raw-deflate", Reply(200, pngType + "Content-Encoding: deflate\r\n", Deflated(png, -15)), png, true, 0, Good},
+        // Sent whole, as its length says, but the gzip stream in it stops half way.
+        {"gzip-cut", Reply(200, pngType + "Content-Encoding: gzip\r\n", gzipped.substr(0, gzipped.size() / 2)), "",
+         false, 0, Broken},
         {"chunked", Chunked("image/png", png, 100), png, true, 0, Good},
         {"chunked-cut", Raw(chunkedHead + "64\r\n" + png.substr(0, 50)), png, true, 0, Broken},
         {"close-delimited", Raw("HTTP/1.1 200 OK\r\nConnection: close\r\n" + pngType + "\r\n" + png), png, true, 0,
@@ -572,11 +593,10 @@ TEST(FaultSuite, FailuresCarryTheirTransportNumbers) {
     const struct {
         const char* row;
         int number;
-    } cases[] = {{"slow-headers", 12002}, {"stalled-body", 12002},    {"truncated", 12030},
-                 {"reset", 12030},        {"empty-reply", 12030},     {"bad-gzip", 12152},
-                 {"chunked-cut", 12030},  {"redirect-loop", 12156},   {"garbage", 12152},
-                 {"bad-length", 12152},   {"negative-length", 12152}, {"endless-headers", 12030},
-                 {"tls", 12175}};
+    } cases[] = {{"slow-headers", 12002},    {"stalled-body", 12002}, {"truncated", 12030},  {"reset", 12030},
+                 {"empty-reply", 12030},     {"bad-gzip", 12152},     {"gzip-cut", 12152},   {"chunked-cut", 12030},
+                 {"redirect-loop", 12156},   {"garbage", 12152},      {"bad-length", 12152}, {"negative-length", 12152},
+                 {"endless-headers", 12030}, {"tls", 12175}};
     for (const auto& c : cases) {
         const std::string base = c.row == std::string("tls") ? tls.Base() : server.Base();
         if (base.empty()) {
