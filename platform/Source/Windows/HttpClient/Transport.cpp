@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 #include <pthread.h>
+#include <zlib.h>
 
 #include <algorithm>
 #include <atomic>
@@ -143,6 +144,67 @@ struct Dechunker {
     }
 };
 
+// Undoes a gzip or deflate content coding. curl can do it as well, but takes a stream that stops
+// short of its end for a whole one, so a body whose encoded form was cut would reach the caller
+// (and a cache) as a complete, shorter body. This one knows whether the stream ended.
+class Inflater {
+public:
+    Inflater() = default;
+    Inflater(const Inflater&) = delete;
+    Inflater& operator=(const Inflater&) = delete;
+    ~Inflater() {
+        if (started_) inflateEnd(&stream_);
+    }
+
+    // `coding` is the response's Content-Encoding; one it does not know fails the first bytes.
+    void Start(std::string_view coding) {
+        if (EqualsNoCase(coding, "gzip") || EqualsNoCase(coding, "x-gzip"))
+            windowBits_ = 15 + 16;
+        else if (EqualsNoCase(coding, "deflate"))
+            windowBits_ = 15;
+    }
+
+    // Appends the decoded form of `data` to `out`; false when the stream is damaged. Bytes after
+    // the end of the stream are left out.
+    bool Feed(const char* data, size_t size, std::vector<char>& out) {
+        if (ended_ || size == 0) return true;
+        if (!started_) {
+            if (windowBits_ == 0) return false;
+            // "deflate" is meant to carry the zlib wrapper; some servers send the bare stream.
+            const auto* head = reinterpret_cast<const unsigned char*>(data);
+            if (windowBits_ == 15 && size >= 2 && ((head[0] & 0x0f) != 8 || (head[0] * 256 + head[1]) % 31 != 0))
+                windowBits_ = -15;
+            if (inflateInit2(&stream_, windowBits_) != Z_OK) return false;
+            started_ = true;
+        }
+        stream_.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data));
+        stream_.avail_in = static_cast<uInt>(size);
+        unsigned char buffer[16384];
+        for (;;) {
+            stream_.next_out = buffer;
+            stream_.avail_out = sizeof(buffer);
+            const int status = inflate(&stream_, Z_NO_FLUSH);
+            out.insert(out.end(), buffer, buffer + (sizeof(buffer) - stream_.avail_out));
+            if (status == Z_STREAM_END) {
+                ended_ = true;
+                return true;
+            }
+            if (status == Z_BUF_ERROR) return true; // wants more input
+            if (status != Z_OK) return false;
+            if (stream_.avail_in == 0 && stream_.avail_out != 0) return true;
+        }
+    }
+
+    // Whether the stream reached its end, or nothing came at all.
+    bool Complete() const { return ended_ || !started_; }
+
+private:
+    z_stream stream_{};
+    int windowBits_ = 0;
+    bool started_ = false;
+    bool ended_ = false;
+};
+
 struct RequestState final : HandleBase {
     RequestState() : HandleBase(Kind::Request) {}
     ~RequestState() override {
@@ -195,6 +257,9 @@ struct RequestState final : HandleBase {
     long blockStatus = 0;
     std::string location;
     bool decoding = false;
+    std::unique_ptr<Inflater> inflater; // the final block's content coding, when it has one
+    bool decodeFailed = false;
+    std::vector<char> decoded;
     bool redirecting = false;
     bool redirectTooMany = false;
     std::string redirectTarget;
@@ -561,6 +626,9 @@ void Engine::ProcessDone() {
         }
         uint32_t error = MapCurlError(code);
         if (error == 0 && !request->headersReady.load()) error = ErrorInvalidServerResponse;
+        // A coded body that is damaged, or whose stream stopped before its end, is no response.
+        if (request->decodeFailed || (error == 0 && request->inflater && !request->inflater->Complete()))
+            error = ErrorInvalidServerResponse;
         Finish(*request, error);
     }
 }
@@ -670,6 +738,7 @@ void Engine::EndOfHeaderBlock(RequestState& request) {
     // The final block. A body that the transport decodes has neither its encoded length nor its
     // encoding any more, so neither line is passed on.
     bool encoded = false;
+    std::string_view coding;
     std::string_view blockView(request.block);
     if (request.decoding) {
         for (std::string_view rest = blockView; !rest.empty();) {
@@ -678,9 +747,15 @@ void Engine::EndOfHeaderBlock(RequestState& request) {
             rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 2);
             const size_t colon = line.find(':');
             if (colon != std::string_view::npos && EqualsNoCase(line.substr(0, colon), "content-encoding") &&
-                !EqualsNoCase(Trim(line.substr(colon + 1)), "identity"))
+                !EqualsNoCase(Trim(line.substr(colon + 1)), "identity")) {
                 encoded = true;
+                coding = Trim(line.substr(colon + 1));
+            }
         }
+    }
+    if (encoded) {
+        request.inflater = std::make_unique<Inflater>();
+        request.inflater->Start(coding);
     }
     std::string text;
     text.reserve(request.block.size() + 2);
@@ -718,6 +793,15 @@ size_t Engine::WriteCallback(char* data, size_t size, size_t count, void* user) 
     if (!request.readPending && request.Buffered() >= kBufferHigh) {
         request.recvPaused = true;
         return CURL_WRITEFUNC_PAUSE;
+    }
+    if (request.inflater) {
+        request.decoded.clear();
+        if (!request.inflater->Feed(data, length, request.decoded)) {
+            request.decodeFailed = true;
+            return 0; // ends the transfer
+        }
+        data = request.decoded.data();
+        length = request.decoded.size();
     }
     if (request.readPending && request.Buffered() == 0) {
         const size_t take = std::min<size_t>(length, request.readSize);
@@ -862,6 +946,8 @@ void Engine::Launch(RequestState& request) {
                                 : (decompression & DecompressionGzip) ? "gzip"
                                                                       : "deflate";
         curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, encodings);
+        // Asked for, but undone here (Inflater).
+        curl_easy_setopt(easy, CURLOPT_HTTP_CONTENT_DECODING, 0L);
         request.decoding = true;
     }
     const int64_t connectLimit =
