@@ -22,9 +22,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     const Http::HeaderTable table = Http::ParseResponseHeaders(text);
     for (const auto& [name, value] : table) {
-        if (name.size() > size || value.size() > size) __builtin_trap();
-        if (!value.empty() && (blanks.find(value.front()) != std::string_view::npos ||
-                               blanks.find(value.back()) != std::string_view::npos))
+        if (value.size() > size) __builtin_trap();
+        // Header values are trimmed; the status line is kept as it came.
+        if (!value.empty() && !Http::HeaderNameEqual()(name, "Response") &&
+            (blanks.find(value.front()) != std::string_view::npos ||
+             blanks.find(value.back()) != std::string_view::npos))
             __builtin_trap();
     }
     if (auto status = table.find("Response"); status != table.end()) (void)Impl::ParseStatusCode(status->second);
