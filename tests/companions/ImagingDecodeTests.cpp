@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 #include <png.h>
+#include <sys/resource.h>
 #include <tiff.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <stdexcept>
@@ -292,6 +294,24 @@ TEST(DecodeErrors, OversizedPngHeader) {
     const uint32_t crc = uint32_t(crc32(0, png.data() + 12, 17));
     for (int b = 0; b < 4; ++b) png[29 + b] = uint8_t(crc >> (24 - 8 * b));
     EXPECT_EQ(DecodeFailure(png), "Image of 60000x60000 pixels is too large");
+}
+
+// A JPEG whose frame claims far more rows than its data holds is refused where the data ends,
+// not after libjpeg has filled the whole claimed image with made-up rows.
+TEST(DecodeErrors, JpegClaimingMoreThanItHoldsStopsAtTheEndOfItsData) {
+    Bytes jpeg = TestImages::EncodeJpeg(16, 16, 1, Gradient(16, 16, 1), 90);
+    // The baseline frame header: FF C0, its length, the precision, then height and width.
+    const uint8_t frame[] = {0xFF, 0xC0};
+    const auto at = std::search(jpeg.begin(), jpeg.end(), std::begin(frame), std::end(frame));
+    ASSERT_NE(at, jpeg.end());
+    const uint16_t side = 8192; // 256 MB of RGBA
+    at[5] = at[7] = uint8_t(side >> 8);
+    at[6] = at[8] = uint8_t(side & 0xFF);
+    rusage before{}, after{};
+    getrusage(RUSAGE_SELF, &before);
+    EXPECT_EQ(DecodeFailure(jpeg).rfind("Invalid JPEG image: ", 0), 0u);
+    getrusage(RUSAGE_SELF, &after);
+    EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 64 * 1024) << "peak kB grew";
 }
 
 TEST(DecodeErrors, BoundaryGuards) {
