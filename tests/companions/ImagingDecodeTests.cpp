@@ -314,6 +314,37 @@ TEST(DecodeErrors, JpegClaimingMoreThanItHoldsStopsAtTheEndOfItsData) {
     EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 64 * 1024) << "peak kB grew";
 }
 
+// A TIFF of one PackBits strip (libtiff cuts only uncompressed strips into smaller ones) that
+// claims 8192 x 8192 16-bit pixels and holds 16 bytes of them is refused without a strip
+// buffer of the claimed 128 MB being filled first.
+TEST(DecodeErrors, TiffStripClaimingMoreThanItHoldsFillsNoBuffer) {
+    Bytes tiff = {'I', 'I', 42, 0, 8, 0, 0, 0, 8, 0};
+    const uint32_t dataOffset = 8 + 2 + 8 * 12 + 4;
+    // Tag, type (3 short, 4 long), one value.
+    const std::tuple<uint16_t, uint16_t, uint32_t> entries[] = {
+        {256, 4, 8192}, {257, 4, 8192},       {258, 3, 16},   {259, 3, 32773},
+        {262, 3, 1},    {273, 4, dataOffset}, {278, 4, 8192}, {279, 4, 16},
+    };
+    auto put = [&](uint32_t value, int bytes) {
+        for (int i = 0; i < bytes; ++i) tiff.push_back(uint8_t(value >> (8 * i)));
+    };
+    for (const auto& [tag, type, value] : entries) {
+        put(tag, 2);
+        put(type, 2);
+        put(1, 4);
+        put(value, 4);
+    }
+    put(0, 4);
+    ASSERT_EQ(tiff.size(), dataOffset);
+    tiff.resize(tiff.size() + 16, 0x5A);
+
+    rusage before{}, after{};
+    getrusage(RUSAGE_SELF, &before);
+    EXPECT_EQ(DecodeFailure(tiff).rfind("Invalid TIFF image: ", 0), 0u);
+    getrusage(RUSAGE_SELF, &after);
+    EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 32 * 1024) << "peak kB grew";
+}
+
 TEST(DecodeErrors, BoundaryGuards) {
     Ptr<IImage> image;
     EXPECT_EQ(
