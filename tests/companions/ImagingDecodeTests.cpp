@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 #include <png.h>
+#include <sys/resource.h>
 #include <tiff.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <stdexcept>
@@ -292,6 +294,55 @@ TEST(DecodeErrors, OversizedPngHeader) {
     const uint32_t crc = uint32_t(crc32(0, png.data() + 12, 17));
     for (int b = 0; b < 4; ++b) png[29 + b] = uint8_t(crc >> (24 - 8 * b));
     EXPECT_EQ(DecodeFailure(png), "Image of 60000x60000 pixels is too large");
+}
+
+// A JPEG whose frame claims far more rows than its data holds is refused where the data ends,
+// not after libjpeg has filled the whole claimed image with made-up rows.
+TEST(DecodeErrors, JpegClaimingMoreThanItHoldsStopsAtTheEndOfItsData) {
+    Bytes jpeg = TestImages::EncodeJpeg(16, 16, 1, Gradient(16, 16, 1), 90);
+    // The baseline frame header: FF C0, its length, the precision, then height and width.
+    const uint8_t frame[] = {0xFF, 0xC0};
+    const auto at = std::search(jpeg.begin(), jpeg.end(), std::begin(frame), std::end(frame));
+    ASSERT_NE(at, jpeg.end());
+    const uint16_t side = 8192; // 256 MB of RGBA
+    at[5] = at[7] = uint8_t(side >> 8);
+    at[6] = at[8] = uint8_t(side & 0xFF);
+    rusage before{}, after{};
+    getrusage(RUSAGE_SELF, &before);
+    EXPECT_EQ(DecodeFailure(jpeg).rfind("Invalid JPEG image: ", 0), 0u);
+    getrusage(RUSAGE_SELF, &after);
+    EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 64 * 1024) << "peak kB grew";
+}
+
+// A TIFF of one PackBits strip (libtiff cuts only uncompressed strips into smaller ones) that
+// claims 8192 x 8192 16-bit pixels and holds 16 bytes of them is refused without a strip
+// buffer of the claimed 128 MB being filled first.
+TEST(DecodeErrors, TiffStripClaimingMoreThanItHoldsFillsNoBuffer) {
+    Bytes tiff = {'I', 'I', 42, 0, 8, 0, 0, 0, 8, 0};
+    const uint32_t dataOffset = 8 + 2 + 8 * 12 + 4;
+    // Tag, type (3 short, 4 long), one value.
+    const std::tuple<uint16_t, uint16_t, uint32_t> entries[] = {
+        {256, 4, 8192}, {257, 4, 8192},       {258, 3, 16},   {259, 3, 32773},
+        {262, 3, 1},    {273, 4, dataOffset}, {278, 4, 8192}, {279, 4, 16},
+    };
+    auto put = [&](uint32_t value, int bytes) {
+        for (int i = 0; i < bytes; ++i) tiff.push_back(uint8_t(value >> (8 * i)));
+    };
+    for (const auto& [tag, type, value] : entries) {
+        put(tag, 2);
+        put(type, 2);
+        put(1, 4);
+        put(value, 4);
+    }
+    put(0, 4);
+    ASSERT_EQ(tiff.size(), dataOffset);
+    tiff.resize(tiff.size() + 16, 0x5A);
+
+    rusage before{}, after{};
+    getrusage(RUSAGE_SELF, &before);
+    EXPECT_EQ(DecodeFailure(tiff).rfind("Invalid TIFF image: ", 0), 0u);
+    getrusage(RUSAGE_SELF, &after);
+    EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 32 * 1024) << "peak kB grew";
 }
 
 TEST(DecodeErrors, BoundaryGuards) {

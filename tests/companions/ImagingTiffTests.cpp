@@ -135,6 +135,12 @@ TEST(TiffImage, CreateEveryNamedTypeAndRefuseOthers) {
     EXPECT_FALSE(CreateTiffImage(4, 4, 99, none.ReceiveAddress(), nullptr));
     EXPECT_FALSE(CreateTiffImage(4, 4, PixelDataTypeUnknown, none.ReceiveAddress(), nullptr));
     EXPECT_FALSE(CreateTiffImage(-1, 4, PixelDataTypeGray8, none.ReceiveAddress(), nullptr));
+    // 2^30 × 2^29 pixels of 32 bytes are 2^64 bytes: a size that wraps to zero in 64 bits.
+    EXPECT_EQ(Failure([&](auto error) {
+                  return CreateTiffImage(1 << 30, 1 << 29, PixelDataTypeFloat64x4, none.ReceiveAddress(), error);
+              }),
+              "Image of 1073741824x536870912 pixels is too large");
+    EXPECT_EQ(none.Raw(), nullptr);
 
     Ptr<IImage> multi;
     ASSERT_TRUE(TellarImaging_CreateMultiChannelTiffImage(3, 2, SampleKindSigned, 1, 16, multi.ReceiveAddress(), nullptr));

@@ -62,13 +62,18 @@ public:
         }
         info_.out_color_space = JCS_EXT_RGBA;
         jpeg_start_decompress(&info_);
-        return true;
+        // A progressive image is read whole here; if that found the data corrupt, the pixels
+        // are not worth their memory.
+        return !errors_.corrupt;
     }
 
     // Decodes all rows into `raster`, which has the output size. False with Message() on failure.
     bool ReadRows(Raster* raster) {
         if (setjmp(errors_.jump)) return false;
         while (info_.output_scanline < info_.output_height) {
+            // Past the end of the data libjpeg goes on with made-up rows; a few hundred bytes
+            // that claim a large image would otherwise fill gigabytes before being refused.
+            if (errors_.corrupt) return false;
             JSAMPROW row = raster->Row(int32_t(info_.output_scanline));
             jpeg_read_scanlines(&info_, &row, 1);
         }

@@ -12,8 +12,12 @@ Raster::Raster(int64_t w, int64_t h, int32_t spp, int32_t bps) {
         throw std::runtime_error(fmt::format("Invalid image size {}x{}", w, h));
     if (spp < 1 || bps < 8 || bps % 8 != 0)
         throw std::runtime_error(fmt::format("Invalid pixel layout: {} samples of {} bits", spp, bps));
-    const uint64_t bytes = uint64_t(w) * uint64_t(h) * uint64_t(spp) * uint64_t(bps / 8);
-    if (bytes > MaxRasterBytes) throw std::runtime_error(fmt::format("Image of {}x{} pixels is too large", w, h));
+    // Both sides fit in 31 bits and a pixel in 59, so the product can pass 64 bits: a size that
+    // wraps around to a small number must not pass as small.
+    uint64_t bytes = 0;
+    if (__builtin_mul_overflow(uint64_t(w), uint64_t(h), &bytes) ||
+        __builtin_mul_overflow(bytes, uint64_t(spp) * uint64_t(bps / 8), &bytes) || bytes > MaxRasterBytes)
+        throw std::runtime_error(fmt::format("Image of {}x{} pixels is too large", w, h));
     width = int32_t(w);
     height = int32_t(h);
     samplesPerPixel = spp;

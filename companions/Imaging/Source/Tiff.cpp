@@ -212,18 +212,20 @@ Core::Ptr<ITiffImage2> DecodeTiff(const uint8_t* data, size_t size) {
     const bool separate = planar == PLANARCONFIG_SEPARATE && samples > 1;
     const tmsize_t blockBytes = tiled ? TIFFTileSize(tif.get()) : TIFFStripSize(tif.get());
     if (blockBytes <= 0) Fail(state, "invalid block size");
-    std::vector<uint8_t> block(static_cast<size_t>(blockBytes));
+    // Left unfilled: libtiff writes what it decodes, and PlaceBlock reads no further. A strip can
+    // be the whole image, which a few bytes of header can make gigabytes.
+    const auto block = std::make_unique_for_overwrite<uint8_t[]>(static_cast<size_t>(blockBytes));
     for (uint16_t plane = 0; plane < (separate ? samples : 1); ++plane) {
         for (uint32_t y = 0; y < height; y += blockHeight) {
             for (uint32_t x = 0; x < width; x += blockWidth) {
                 const tmsize_t got =
-                    tiled ? TIFFReadEncodedTile(tif.get(), TIFFComputeTile(tif.get(), x, y, 0, plane), block.data(),
+                    tiled ? TIFFReadEncodedTile(tif.get(), TIFFComputeTile(tif.get(), x, y, 0, plane), block.get(),
                                                 blockBytes)
-                          : TIFFReadEncodedStrip(tif.get(), TIFFComputeStrip(tif.get(), y, plane), block.data(),
+                          : TIFFReadEncodedStrip(tif.get(), TIFFComputeStrip(tif.get(), y, plane), block.get(),
                                                  blockBytes);
                 if (got < 0) Fail(state, "cannot read pixel data");
                 const int32_t rows = int32_t(std::min(blockHeight, height - y));
-                PlaceBlock(&raster, block.data(), size_t(got), int32_t(blockWidth), int32_t(x), int32_t(y), rows,
+                PlaceBlock(&raster, block.get(), size_t(got), int32_t(blockWidth), int32_t(x), int32_t(y), rows,
                            separate, plane);
             }
         }
