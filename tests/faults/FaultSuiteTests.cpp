@@ -27,6 +27,7 @@
 #include "Platform/Interfaces/IHttpClient.h"
 #include "PumpUntil.h"
 #include "RecordingLogger.h"
+#include "TaskWait.h"
 #include "Tellar/Interfaces/IOgcMapService.h"
 #include "TellarImaging/IImage.h"
 #include "TempDir.h"
@@ -117,21 +118,6 @@ std::string HugeDimensionsPng() {
     put(20, 20000);
     put(29, static_cast<uint32_t>(crc32(0, reinterpret_cast<const Bytef*>(png.data() + 12), 17)));
     return png;
-}
-
-// `text` deflated with the zlib wrapper (15 window bits) or bare (-15).
-std::string Deflated(const std::string& text, int windowBits) {
-    z_stream stream{};
-    deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, windowBits, 8, Z_DEFAULT_STRATEGY);
-    std::string out(deflateBound(&stream, text.size()), '\0');
-    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
-    stream.avail_in = static_cast<uInt>(text.size());
-    stream.next_out = reinterpret_cast<Bytef*>(out.data());
-    stream.avail_out = static_cast<uInt>(out.size());
-    deflate(&stream, Z_FINISH);
-    out.resize(stream.total_out);
-    deflateEnd(&stream);
-    return out;
 }
 
 std::string ReadFile(const std::filesystem::path& path) {
@@ -227,26 +213,6 @@ private:
     std::string Bytes(const void* data, size_t size) const {
         if (size == 0) return "empty";
         return std::string(static_cast<const char*>(data), size) == Png() ? "png" : Size(size);
-    }
-
-    // Waits alertably on a task of the library, so that this thread runs the completions the
-    // library queues to it; a task still open after `bound` is cancelled. False when cancelled.
-    static bool Settle(IAsyncTask& task, std::chrono::milliseconds bound) {
-        std::mutex mutex;
-        std::condition_variable woken;
-        bool done = false;
-        std::thread watchdog([&] {
-            std::unique_lock lock(mutex);
-            if (!woken.wait_for(lock, bound, [&] { return done; })) task.Cancel();
-        });
-        while (!task.IsCompleted() && !task.IsCancelled()) task.WaitAlertable();
-        {
-            std::lock_guard lock(mutex);
-            done = true;
-        }
-        woken.notify_one();
-        watchdog.join();
-        return !task.IsCancelled();
     }
 
     // GetMapSync from another thread. Its completion needs this thread, which made the service,
@@ -401,7 +367,8 @@ private:
         task->SetStatusCallback(probe.Raw());
         // A task expected to stay open is given the answer's time and the timeout, then cancelled.
         const bool open = row_.expected[road_].rfind("open", 0) == 0;
-        const bool ended = Settle(*task, open ? std::chrono::milliseconds(row_.ownMs + 2 * ReceiveTimeoutMs) : bound);
+        const bool ended =
+            TestSupport::Settle(*task, open ? std::chrono::milliseconds(row_.ownMs + 2 * ReceiveTimeoutMs) : bound);
         if (probe->ends != (ended ? 1 : 0)) Fault("the task reported " + std::to_string(probe->ends) + " ends");
         if (probe->elsewhere) Fault("the task ended off the dispatcher thread");
         if (!ended) return "open";
@@ -517,8 +484,10 @@ std::vector<Row> Table() {
          true},
         {"gzip", Reply(200, pngType + "Content-Encoding: gzip\r\n", gzipped), png, true, 0, Good},
         {"bad-gzip", Reply(200, pngType + "Content-Encoding: gzip\r\n", garbledGzip), "", false, 0, Broken},
-        {"deflate", Reply(200, pngType + "Content-Encoding: deflate\r\n", Deflated(png, 15)), png, true, 0, Good},
-        {"raw-deflate", Reply(200, pngType + "Content-Encoding: deflate\r\n", Deflated(png, -15)), png, true, 0, Good},
+        {"deflate", Reply(200, pngType + "Content-Encoding: deflate\r\n", TestSupport::Deflated(png, 15)), png, true, 0,
+         Good},
+        {"raw-deflate", Reply(200, pngType + "Content-Encoding: deflate\r\n", TestSupport::Deflated(png, -15)), png,
+         true, 0, Good},
         // Sent whole, as its length says, but the gzip stream in it stops half way.
         {"gzip-cut", Reply(200, pngType + "Content-Encoding: gzip\r\n", gzipped.substr(0, gzipped.size() / 2)), "",
          false, 0, Broken},

@@ -12,7 +12,7 @@ namespace TestSupport {
 // Waits alertably on the task, so that this thread (the one that made the service) runs the
 // completions queued to it; a task still open after `bound` is cancelled, which ends the wait.
 // True when the task completed or failed.
-inline bool Settle(Platform::Interfaces::IAsyncTask& task, std::chrono::seconds bound = std::chrono::seconds(30)) {
+inline bool Settle(Platform::Interfaces::IAsyncTask& task, std::chrono::milliseconds bound = std::chrono::seconds(30)) {
     std::mutex mutex;
     std::condition_variable woken;
     bool done = false;

@@ -33,9 +33,10 @@ inline bool IsPattern(const char* data, uint64_t actual, uint64_t size) {
     return true;
 }
 
-inline std::string Gzip(const std::string& text) {
+// `text` deflated: windowBits 31 gives gzip, 15 the zlib wrapper, -15 a bare stream.
+inline std::string Deflated(const std::string& text, int windowBits) {
     z_stream stream{};
-    deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, 31, 8, Z_DEFAULT_STRATEGY);
+    deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, windowBits, 8, Z_DEFAULT_STRATEGY);
     std::string out(deflateBound(&stream, text.size()) + 32, '\0');
     stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
     stream.avail_in = static_cast<uInt>(text.size());
@@ -46,6 +47,8 @@ inline std::string Gzip(const std::string& text) {
     deflateEnd(&stream);
     return out;
 }
+
+inline std::string Gzip(const std::string& text) { return Deflated(text, 31); }
 
 class TestServer {
 public:
@@ -128,7 +131,8 @@ public:
         port_ = server_.bind_to_any_port("127.0.0.1");
         ::listen(listener_, 4096);
         thread_ = std::thread([this] { server_.listen_after_bind(); });
-        for (int i = 0; i < 2000 && !server_.is_running(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        for (int i = 0; i < 2000 && !server_.is_running(); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
 
     ~TestServer() {
