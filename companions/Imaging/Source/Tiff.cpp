@@ -2,6 +2,7 @@
 // the open options (no global handler, so threads don't share one), and become exceptions once
 // the call that failed is back in our code.
 #include <algorithm>
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -9,9 +10,11 @@
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <geo_normalize.h>
+#include <libdeflate.h>
 #include <geotiff.h>
 #include <geovalues.h>
 #include <tiffio.h>
@@ -254,6 +257,99 @@ int32_t StoredSampleKind(int32_t kind, int32_t samples, int32_t bits) {
     return kind;
 }
 
+// Uncompressed bytes of a strip: enough that deflate's start-up is lost in the data and every
+// core gets many strips of a large picture, little enough for a reader to hold.
+constexpr size_t StripBytes = size_t(256) << 10;
+
+// Deflate level of the strips: the fastest. With horizontal differencing it packs a picture
+// tighter than the default level does without, at a fifth of the time.
+constexpr int DeflateLevel = 1;
+
+// Strips compressed together, per thread; their buffers are all that is held beside the image.
+constexpr size_t StripsPerThread = 4;
+
+struct CompressorDeleter {
+    void operator()(libdeflate_compressor* c) const noexcept { libdeflate_free_compressor(c); }
+};
+
+// Horizontal differencing of one row in place (TIFF predictor 2): every sample less the same
+// sample of the pixel before, from the right, as unsigned integers of `sampleBytes` bytes in the
+// machine's order, which is the file's.
+void Difference(uint8_t* row, size_t rowBytes, int32_t samples, int32_t sampleBytes) {
+    if (sampleBytes == 1) {
+        for (size_t i = rowBytes; i-- > size_t(samples);) row[i] = uint8_t(row[i] - row[i - size_t(samples)]);
+        return;
+    }
+    if (sampleBytes == 2) {
+        const size_t count = rowBytes / 2;
+        for (size_t i = count; i-- > size_t(samples);) {
+            uint16_t value, before;
+            std::memcpy(&value, row + 2 * i, 2);
+            std::memcpy(&before, row + 2 * (i - size_t(samples)), 2);
+            value = uint16_t(value - before);
+            std::memcpy(row + 2 * i, &value, 2);
+        }
+    }
+}
+
+// Writes the picture as deflated strips: each strip's rows are copied, differenced when
+// `samples` > 0 and deflated on all cores, a window of strips at a time, and the window is then
+// written in order. `fail` reports a refused write.
+template <class Fail>
+void WriteStrips(TIFF* t, IImage& image, uint32_t rowsPerStrip, int32_t samples, int32_t sampleBytes, Fail&& fail) {
+    const int32_t height = image.GetHeight();
+    const size_t rowBytes = size_t(image.GetWidth()) * size_t(image.GetSamplesPerPixel()) * size_t(sampleBytes);
+    const size_t strips = (size_t(height) + rowsPerStrip - 1) / rowsPerStrip;
+    const size_t threads = std::clamp<size_t>(strips / StripsPerThread, 1, std::max(1u, std::thread::hardware_concurrency()));
+    const size_t window = threads * StripsPerThread;
+
+    struct Slot {
+        std::vector<uint8_t> rows, packed;
+        size_t size = 0;
+    };
+    std::vector<Slot> slots(std::min(window, strips));
+    std::vector<std::unique_ptr<libdeflate_compressor, CompressorDeleter>> compressors(threads);
+    for (auto& compressor : compressors) {
+        compressor.reset(libdeflate_alloc_compressor(DeflateLevel));
+        if (!compressor) throw std::bad_alloc();
+    }
+    for (size_t start = 0; start < strips; start += window) {
+        const size_t end = std::min(start + window, strips);
+        std::atomic<size_t> next{start};
+        std::atomic<bool> failed{false};
+        const auto work = [&](libdeflate_compressor* compressor) {
+            try {
+                for (size_t strip = next++; strip < end; strip = next++) {
+                    Slot& slot = slots[strip - start];
+                    const auto first = int32_t(strip * rowsPerStrip);
+                    const int32_t rows = std::min<int32_t>(int32_t(rowsPerStrip), height - first);
+                    slot.rows.resize(size_t(rows) * rowBytes);
+                    for (int32_t r = 0; r < rows; ++r) {
+                        uint8_t* row = slot.rows.data() + size_t(r) * rowBytes;
+                        std::memcpy(row, image.GetPixelPointer(0, first + r), rowBytes);
+                        if (samples > 0) Difference(row, rowBytes, samples, sampleBytes);
+                    }
+                    slot.packed.resize(libdeflate_zlib_compress_bound(compressor, slot.rows.size()));
+                    slot.size = libdeflate_zlib_compress(compressor, slot.rows.data(), slot.rows.size(),
+                                                         slot.packed.data(), slot.packed.size());
+                    if (slot.size == 0) failed = true;
+                }
+            } catch (...) {
+                failed = true;
+            }
+        };
+        std::vector<std::thread> helpers;
+        for (size_t i = 1; i < threads && start + i < end; ++i) helpers.emplace_back(work, compressors[i].get());
+        work(compressors[0].get());
+        for (std::thread& helper : helpers) helper.join();
+        if (failed) throw std::bad_alloc();
+        for (size_t strip = start; strip < end; ++strip) {
+            Slot& slot = slots[strip - start];
+            if (TIFFWriteRawStrip(t, uint32_t(strip), slot.packed.data(), tmsize_t(slot.size)) < 0) fail();
+        }
+    }
+}
+
 } // namespace
 
 void EncodeTiff(IImage* image, const std::string& path, const std::string& name) {
@@ -289,6 +385,8 @@ void EncodeTiff(IImage* image, const std::string& path, const std::string& name)
     TIFFSetField(t, TIFFTAG_SAMPLEFORMAT, uint16_t(kind));
     TIFFSetField(t, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
     TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_ADOBE_DEFLATE);
+    const bool differenced = kind != SampleKindFloat;
+    TIFFSetField(t, TIFFTAG_PREDICTOR, differenced ? PREDICTOR_HORIZONTAL : PREDICTOR_NONE);
     const bool colour = kind != SampleKindFloat && samples >= 3;
     TIFFSetField(t, TIFFTAG_PHOTOMETRIC, colour ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK);
     const int32_t extra = samples - (colour ? 3 : 1);
@@ -298,7 +396,9 @@ void EncodeTiff(IImage* image, const std::string& path, const std::string& name)
         if (kind != SampleKindFloat) types[extra - 1] = EXTRASAMPLE_UNASSALPHA;
         TIFFSetField(t, TIFFTAG_EXTRASAMPLES, uint16_t(extra), types);
     }
-    TIFFSetField(t, TIFFTAG_ROWSPERSTRIP, TIFFDefaultStripSize(t, 0));
+    const size_t rowBytes = size_t(width) * size_t(samples) * size_t(bits / 8);
+    const auto rowsPerStrip = uint32_t(std::clamp<size_t>(StripBytes / rowBytes, 1, size_t(height)));
+    TIFFSetField(t, TIFFTAG_ROWSPERSTRIP, rowsPerStrip);
     if (tiff && *tiff->GetTextProperty()) TIFFSetField(t, TIFFTAG_IMAGEDESCRIPTION, tiff->GetTextProperty());
 
     if (transform.Raw()) {
@@ -325,10 +425,9 @@ void EncodeTiff(IImage* image, const std::string& path, const std::string& name)
         if (!GTIFWriteKeys(gtif.get())) throw std::runtime_error("Failed to write GeoTIFF keys");
     }
 
-    for (int32_t y = 0; y < height; ++y) {
-        if (TIFFWriteScanline(t, image->GetPixelPointer(0, y), uint32_t(y), 0) < 0)
-            throw std::runtime_error(fmt::format("Failed to write TIFF file {}: {}", name, state.message));
-    }
+    WriteStrips(t, *image, rowsPerStrip, differenced ? samples : 0, bits / 8, [&] {
+        throw std::runtime_error(fmt::format("Failed to write TIFF file {}: {}", name, state.message));
+    });
     if (!TIFFFlush(t)) throw std::runtime_error(fmt::format("Failed to write TIFF file {}: {}", name, state.message));
 }
 
