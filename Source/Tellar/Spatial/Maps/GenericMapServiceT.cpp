@@ -326,16 +326,19 @@ TellarImaging::ITiffImage* GenericMapServiceT<I>::MakeMosaic(int32_t zoom, const
     }
 
     const uint32_t serviceEpsg = serviceCrs_->GetEpsgCode();
-    Core::Ptr<TellarImaging::IImage> image = ComposeMosaic(range, responses, serviceEpsg, zoom);
+    Core::Ptr<TellarImaging::IImage> cropped;
     if (transformation_.transformation.Raw()) {
+        Core::Ptr<TellarImaging::IImage> image = ComposeMosaic(range, responses, serviceEpsg, zoom);
         const CrsTransformationHolder toTarget(serviceCrs_, targetCrs_);
         const TellarImaging::ImageBase reprojected = TellarImaging::CreateImageBase(
             Tellar::Spatial::Raster::RasterUtils::ReprojectImage(image.Raw(), toTarget).Raw());
         if (auto* tiff = dynamic_cast<TellarImaging::ITiffImage*>(reprojected.image.Raw()))
             tiff->SetSampleKind(TellarImaging::SampleKindSigned);
         image = reprojected.image;
+        cropped = CropToBox(image.Raw(), box);
+    } else {
+        cropped = ComposeMosaicOfBox(range, responses, serviceEpsg, zoom, box);
     }
-    Core::Ptr<TellarImaging::IImage> cropped = CropToBox(image.Raw(), box);
     if (cropped.IsNull()) return nullptr;
     auto* tiff = dynamic_cast<TellarImaging::ITiffImage*>(cropped.Raw());
     if (tiff) tiff->AddReference();

@@ -119,9 +119,34 @@ double Clamp(double value, double low, double high) {
 
 } // namespace
 
-Core::Ptr<ITiffImage> ComposeMosaic(const MapServices::TileRange& range,
-                                    const std::vector<Core::Ptr<Tellar::Interfaces::ITileResponse>>& responses,
-                                    uint32_t epsgCode, int32_t zoom) {
+namespace {
+
+// The rectangle of a `width` x `height` image with `transform` that `box` covers, as the crop
+// takes it: corners through WorldToPixel, clamped to the image, truncated.
+struct Window {
+    int32_t x = 0, y = 0, width = 0, height = 0;
+};
+
+Window CropWindow(ITransform& transform, double w, double h, const MapServices::BoundingBoxValue& box) {
+    double px0 = 0, py0 = 0, px1 = 0, py1 = 0;
+    transform.WorldToPixel(box.minX, box.minY, 0.0, &px0, &py0, nullptr);
+    transform.WorldToPixel(box.maxX, box.maxY, 0.0, &px1, &py1, nullptr);
+    const double x = Clamp(px0, 0.0, w - 1);
+    const double y = Clamp(py1, 0.0, h - 1);
+    const double width = Clamp(Clamp(px1, 0.0, w) - x, 0.0, w);
+    const double height = Clamp(Clamp(py0, 0.0, h) - y, 0.0, h);
+    return {static_cast<int32_t>(x), static_cast<int32_t>(y), static_cast<int32_t>(width),
+            static_cast<int32_t>(height)};
+}
+
+// The mosaic, or with `box` only the part of it the crop to that box would keep: the tiles are
+// pasted straight into the smaller picture, which is placed where the crop would place it, so
+// the whole picture is never held. A mosaic without a transform cannot be cut before it is
+// whole; `*cropped` tells whether it was.
+Core::Ptr<ITiffImage> Compose(const MapServices::TileRange& range,
+                              const std::vector<Core::Ptr<Tellar::Interfaces::ITileResponse>>& responses,
+                              uint32_t epsgCode, int32_t zoom, const MapServices::BoundingBoxValue* box,
+                              bool* cropped) {
     Tellar::Interfaces::ITileResponse& first = *Core::At(responses, 0);
     const ImageBase firstImage = TellarImaging::ToTiffImageBase(DecodeTile(first).Raw());
     const int32_t scale = firstImage.image->GetWidth() / 256;
@@ -146,19 +171,51 @@ Core::Ptr<ITiffImage> ComposeMosaic(const MapServices::TileRange& range,
 
     const auto columns = static_cast<int32_t>(range.maxX - range.minX + 1);
     const auto rows = static_cast<int32_t>(range.maxY - range.minY + 1);
-    const ImageBase result = TellarImaging::CreateImageBase(columns * scale * 256, rows * scale * 256, pixelDataType);
+    Window window{0, 0, columns * scale * 256, rows * scale * 256};
+    *cropped = box && transform.Raw();
+    if (*cropped) window = CropWindow(*transform, window.width, window.height, *box);
+    const ImageBase result = TellarImaging::CreateImageBase(window.width, window.height, pixelDataType);
 
     const int64_t step = static_cast<int64_t>(scale) * 256;
     DecodeInBatches(responses, firstImage, [&](size_t index, const ImageBase& tile) {
-        const int64_t left = (responses[index]->GetX() - range.minX) * step;
-        const int64_t top = (responses[index]->GetY() - range.minY) * step;
+        const int64_t left = (responses[index]->GetX() - range.minX) * step - window.x;
+        const int64_t top = (responses[index]->GetY() - range.minY) * step - window.y;
         PasteTile(tile, result, left, top);
     });
 
+    if (window.x != 0 || window.y != 0) {
+        // The crop's origin: the pixel corner (x, y) of the whole picture, the rest unchanged.
+        double sx = 0, sy = 0, ox = 0, oy = 0, kx = 0, ky = 0;
+        transform->GetParams(&sx, &sy, &ox, &oy, &kx, &ky);
+        transform->PixelToWorld(window.x, window.y, &ox, &oy, nullptr);
+        Core::Ptr<ITransform> shifted;
+        Core::Ptr<Core::IErrorCode> error;
+        if (!CreateTransformFromParams(sx, sy, ox, oy, kx, ky, shifted.ReceiveAddress(), error.ReceiveAddress()))
+            Core::ThrowIfError(error);
+        transform = shifted;
+    }
     auto& mosaic = dynamic_cast<ITiffImage&>(*result.image);
     mosaic.SetEpsgCode(epsgCode);
     mosaic.SetTransform(transform.Raw());
     return Core::Ptr<ITiffImage>(&mosaic);
+}
+
+} // namespace
+
+Core::Ptr<ITiffImage> ComposeMosaic(const MapServices::TileRange& range,
+                                    const std::vector<Core::Ptr<Tellar::Interfaces::ITileResponse>>& responses,
+                                    uint32_t epsgCode, int32_t zoom) {
+    bool cropped = false;
+    return Compose(range, responses, epsgCode, zoom, nullptr, &cropped);
+}
+
+Core::Ptr<IImage> ComposeMosaicOfBox(const MapServices::TileRange& range,
+                                     const std::vector<Core::Ptr<Tellar::Interfaces::ITileResponse>>& responses,
+                                     uint32_t epsgCode, int32_t zoom, const MapServices::BoundingBoxValue& box) {
+    bool cropped = false;
+    Core::Ptr<ITiffImage> mosaic = Compose(range, responses, epsgCode, zoom, &box, &cropped);
+    if (cropped) return mosaic;
+    return CropToBox(mosaic.Raw(), box);
 }
 
 Core::Ptr<IImage> CropToBox(IImage* image, const MapServices::BoundingBoxValue& box) {
@@ -170,19 +227,8 @@ Core::Ptr<IImage> CropToBox(IImage* image, const MapServices::BoundingBoxValue& 
         if (!tiff->GetTransform(transform.ReceiveAddress(), error.ReceiveAddress())) Core::ThrowIfError(error);
     }
     Core::CheckedPtr<ITransform> checked(transform);
-    double px0 = 0, py0 = 0, px1 = 0, py1 = 0;
-    checked->WorldToPixel(box.minX, box.minY, 0.0, &px0, &py0, nullptr);
-    checked->WorldToPixel(box.maxX, box.maxY, 0.0, &px1, &py1, nullptr);
-
-    const double w = image->GetWidth();
-    const double h = image->GetHeight();
-    const double x = Clamp(px0, 0.0, w - 1);
-    const double y = Clamp(py1, 0.0, h - 1);
-    const double width = Clamp(Clamp(px1, 0.0, w) - x, 0.0, w);
-    const double height = Clamp(Clamp(py0, 0.0, h) - y, 0.0, h);
-    return TellarImaging::CropImageBase(source, static_cast<int32_t>(x), static_cast<int32_t>(y),
-                                        static_cast<int32_t>(width), static_cast<int32_t>(height))
-        .image;
+    const Window window = CropWindow(*checked, image->GetWidth(), image->GetHeight(), box);
+    return TellarImaging::CropImageBase(source, window.x, window.y, window.width, window.height).image;
 }
 
 } // namespace Tellar::Spatial::Maps::impl

@@ -18,6 +18,12 @@ Core::Ptr<TellarImaging::ITiffImage> ComposeMosaic(
     const MapServices::TileRange& range, const std::vector<Core::Ptr<Tellar::Interfaces::ITileResponse>>& responses,
     uint32_t epsgCode, int32_t zoom);
 
+// ComposeMosaic followed by CropToBox, with the same result, but only the cropped part is ever
+// held in memory.
+Core::Ptr<TellarImaging::IImage> ComposeMosaicOfBox(
+    const MapServices::TileRange& range, const std::vector<Core::Ptr<Tellar::Interfaces::ITileResponse>>& responses,
+    uint32_t epsgCode, int32_t zoom, const MapServices::BoundingBoxValue& box);
+
 // The part of `image` inside `box`, in the image's own CRS, marked with sample kind 2.
 Core::Ptr<TellarImaging::IImage> CropToBox(TellarImaging::IImage* image, const MapServices::BoundingBoxValue& box);
 
