@@ -22,6 +22,15 @@ extern char** environ;
 
 namespace Bench {
 
+// A new directory for a benchmark's files, on tmpfs when the machine has one: tiles written to
+// a disk file system cost what its inode allocator's state makes them cost, which changes with
+// every file any process deleted in the last minute, and swamps the software being measured.
+// Empty when none could be made.
+inline std::filesystem::path MakeWorkDirectory(const std::string& name) {
+    std::string pattern = (::access("/dev/shm", W_OK) == 0 ? "/dev/shm/" : "/tmp/") + name + ".XXXXXX";
+    return ::mkdtemp(pattern.data()) ? std::filesystem::path(pattern) : std::filesystem::path();
+}
+
 // A port on 127.0.0.1 that nobody listens on right now.
 inline int32_t FreePort() {
     const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
@@ -136,12 +145,16 @@ struct CurlRun {
 };
 
 // Fetches every URL of `urls` with `curl --parallel --parallel-max <parallelMax>`, each body to
-// /dev/null. The list goes into `config` for `curl -K`; only curl's own run is timed.
+// /dev/null, or with `files` to a file of its own there (files/0, files/1, ...). The list goes into
+// `config` for `curl -K`; only curl's own run is timed.
 inline CurlRun CurlParallel(const std::vector<std::string>& urls, const std::filesystem::path& config,
-                            int32_t parallelMax = 64) {
+                            int32_t parallelMax = 64, const std::filesystem::path& files = {}) {
     {
+        if (!files.empty()) std::filesystem::create_directories(files);
         std::ofstream out(config);
-        for (const std::string& url : urls) out << "url = \"" << url << "\"\noutput = \"/dev/null\"\n";
+        for (size_t i = 0; i < urls.size(); ++i)
+            out << "url = \"" << urls[i] << "\"\noutput = \""
+                << (files.empty() ? std::string("/dev/null") : (files / std::to_string(i)).string()) << "\"\n";
     }
     CurlRun run;
     const auto start = std::chrono::steady_clock::now();

@@ -241,9 +241,8 @@ int main(int argc, char** argv) {
     }
     const fs::path bin = fs::canonical("/proc/self/exe").parent_path();
     const std::string tool = (bin / "tellar-maps").string();
-    char pattern[] = "/tmp/peers_bench.XXXXXX";
-    if (!::mkdtemp(pattern)) return 1;
-    const fs::path dir = pattern;
+    const fs::path dir = Bench::MakeWorkDirectory("peers_bench");
+    if (dir.empty()) return 1;
     const fs::path pyramid = bin.parent_path() / "peers-pyramid";
     WritePyramid(pyramid);
     Bench::LoopbackNginx nginx(dir, "    root " + pyramid.string() + ";\n    types { image/png png; }");

@@ -1,7 +1,8 @@
 // Fetches all 4,096 tiles of zoom 6 through FetchTileDataAsync of a TMS fetcher from a loopback
-// nginx, first with an empty cache (every tile from the network, written to the cache), then again
-// with the same fetcher (every tile from the cache, with no request reaching nginx), and compares
-// with curl's parallel mode on the same URLs. All rates are tiles per second of wall time.
+// nginx: with the cache off (the network alone), with an empty cache (every tile from the network,
+// written to the cache), then again with the same fetcher (every tile from the cache, with no
+// request reaching nginx); and compares with curl's parallel mode on the same URLs, to memory and
+// writing the tiles as files. All rates are tiles per second of wall time.
 // Usage: tile_fetch_bench   (no arguments). Starts and stops its own nginx.
 #include <chrono>
 #include <cstdint>
@@ -148,12 +149,11 @@ std::pair<int32_t, int32_t> Logged(const Bench::LoopbackNginx& nginx, int32_t at
 } // namespace
 
 int main() {
-    char pattern[] = "/tmp/tile_fetch_bench.XXXXXX";
-    if (!::mkdtemp(pattern)) {
+    const std::filesystem::path dir = Bench::MakeWorkDirectory("tile_fetch_bench");
+    if (dir.empty()) {
         std::perror("mkdtemp");
         return 1;
     }
-    const std::filesystem::path dir = pattern;
     const std::filesystem::path documents = dir / "www";
     const std::filesystem::path cache = dir / "cache";
     std::filesystem::create_directories(cache);
@@ -180,17 +180,27 @@ int main() {
     }
     const int32_t before = Logged(nginx, Side).first;
 
+    // The network alone: a fetcher with its cache off.
+    Pass network;
+    {
+        auto uncached = Core::MakeObject<TmsFetcherImpl>(urlTemplate, 0);
+        uncached->SetCacheEnabled(false);
+        network = FetchAll(*uncached, bodies);
+        good = Report("network", network) && good;
+    }
+    const int32_t afterNetwork = Logged(nginx, before + TileCount).first;
+
     auto fetcher = Core::MakeObject<TmsFetcherImpl>(urlTemplate, 0);
     fetcher->SetCacheEnabled(true);
     fetcher->SetCacheRoot(cache.string());
 
     const Pass cold = FetchAll(*fetcher, bodies);
     good = Report("cold", cold) && good;
-    const auto afterCold = Logged(nginx, before + TileCount);
+    const auto afterCold = Logged(nginx, afterNetwork + TileCount);
     const int32_t cached = CachedFiles(cache);
-    if (afterCold.first - before != TileCount || cached != TileCount) {
+    if (afterCold.first - afterNetwork != TileCount || cached != TileCount) {
         std::fprintf(stderr, "cold: nginx logged %d requests, the cache holds %d files; %d expected\n",
-                     afterCold.first - before, cached, TileCount);
+                     afterCold.first - afterNetwork, cached, TileCount);
         good = false;
     }
 
@@ -211,11 +221,13 @@ int main() {
             urls.push_back(nginx.Base() + "/" + std::to_string(Zoom) + "/" + std::to_string(x) + "/" +
                            std::to_string(y) + ".png");
     const Bench::CurlRun curl = Bench::CurlParallel(urls, dir / "urls.cfg");
-    const auto afterCurl = Logged(nginx, afterCold.first + TileCount);
-    if (!curl.ok || afterCurl.first - afterCold.first != TileCount ||
-        afterCurl.second - afterCold.second != TileCount) {
-        std::fprintf(stderr, "curl: exit status %d, nginx logged %d requests, %d of them 200; %d expected\n",
-                     curl.status, afterCurl.first - afterCold.first, afterCurl.second - afterCold.second, TileCount);
+    const Bench::CurlRun curlFiles = Bench::CurlParallel(urls, dir / "files.cfg", 64, dir / "curl");
+    const auto afterCurl = Logged(nginx, afterCold.first + 2 * TileCount);
+    if (!curl.ok || !curlFiles.ok || afterCurl.first - afterCold.first != 2 * TileCount ||
+        afterCurl.second - afterCold.second != 2 * TileCount) {
+        std::fprintf(stderr, "curl: exit statuses %d and %d, nginx logged %d requests, %d of them 200; %d expected\n",
+                     curl.status, curlFiles.status, afterCurl.first - afterCold.first,
+                     afterCurl.second - afterCold.second, 2 * TileCount);
         good = false;
     }
 
@@ -225,12 +237,19 @@ int main() {
         for (const std::string& body : bodies) bytes += static_cast<double>(body.size());
         return bytes / (1024.0 * 1024.0);
     }());
-    std::printf("cold  FetchTileDataAsync, network to cache:  %8.0f tiles/s  (%.3f s)\n", rate(cold.seconds),
+    std::printf("FetchTileDataAsync, cache off:               %8.0f tiles/s  (%.3f s)\n", rate(network.seconds),
+                network.seconds);
+    std::printf("FetchTileDataAsync, network to cache:        %8.0f tiles/s  (%.3f s)\n", rate(cold.seconds),
                 cold.seconds);
-    std::printf("warm  FetchTileDataAsync, from the cache:    %8.0f tiles/s  (%.3f s)\n", rate(warm.seconds),
+    std::printf("FetchTileDataAsync, from the cache:          %8.0f tiles/s  (%.3f s)\n", rate(warm.seconds),
                 warm.seconds);
-    std::printf("curl  --parallel --parallel-max 64:          %8.0f tiles/s  (%.3f s)\n", rate(curl.seconds),
+    std::printf("curl --parallel --parallel-max 64 to memory: %8.0f tiles/s  (%.3f s)\n", rate(curl.seconds),
                 curl.seconds);
+    std::printf("curl --parallel --parallel-max 64 to files:  %8.0f tiles/s  (%.3f s)\n", rate(curlFiles.seconds),
+                curlFiles.seconds);
+    std::printf("ratios: cache off %.2fx curl to memory (goal at least 0.9), to cache %.2fx curl to files "
+                "(goal at least 1)\n",
+                curl.seconds / network.seconds, curlFiles.seconds / cold.seconds);
     std::printf("checks: %s\n",
                 good ? "all tiles arrived intact, the warm pass asked nginx nothing" : "FAILED, see above");
 

@@ -134,11 +134,22 @@ Taken Take(ITileRequest& request, std::optional<uint32_t> limitMs) {
     return taken;
 }
 
+// Whether `body` starts as a picture of a format the imaging library reads: PNG, JPEG, WebP or
+// TIFF.
+bool HasImageSignature(const uint8_t* body, uint64_t size) {
+    const auto starts = [&](std::string_view mark, uint64_t at = 0) {
+        return size >= at + mark.size() && std::memcmp(body + at, mark.data(), mark.size()) == 0;
+    };
+    return starts("\x89PNG\r\n\x1a\n") || starts("\xff\xd8\xff") || (starts("RIFF") && starts("WEBP", 8)) ||
+           starts(std::string_view("II*\0", 4)) || starts(std::string_view("MM\0*", 4));
+}
+
 // Why a tile's answer over HTTP is no tile, or nothing when it is one. A body the library keeps
 // in its cache (an image, octet-stream or vector-tile type) that is meant to be an image must
-// also decode as one; `image` then holds it.
+// also be one: with `decode` it must decode, and `image` then holds it; without, it must start
+// with the signature of a format the library decodes.
 std::optional<std::string> AnswerProblem(ITileResponse& response, Platform::Interfaces::IHttpResponse& http,
-                                         Ptr<TellarImaging::IImage>& image) {
+                                         Ptr<TellarImaging::IImage>& image, bool decode = true) {
     const int32_t status = http.GetStatusCode();
     if (status != 200) return fmt::format("the server answered with status {}", status);
     if (http.GetBodySize() == 0) return std::string("the server answered with an empty body");
@@ -148,6 +159,11 @@ std::optional<std::string> AnswerProblem(ITileResponse& response, Platform::Inte
     if (!imageType && type.find("octet-stream") == std::string::npos && type.find("mapbox") == std::string::npos)
         return fmt::format("the server answered with {}, not a tile", type);
     if (!imageType) return std::nullopt;
+    if (!decode) {
+        if (HasImageSignature(static_cast<const uint8_t*>(http.GetBodyData()), http.GetBodySize())) return std::nullopt;
+        return fmt::format("the server's answer ({}, {} bytes) is no image: Unknown image format", type,
+                           http.GetBodySize());
+    }
     Ptr<IErrorCode> error;
     if (response.GetImage(image.ReceiveAddress(), error.ReceiveAddress()) && image.Raw()) return std::nullopt;
     return fmt::format("the server's answer ({}, {} bytes) is no image: {}", type, http.GetBodySize(),
@@ -237,7 +253,7 @@ std::string StagedFiles::Stage(const std::string& target) {
     std::error_code error;
     if (fs::is_directory(path, error)) throw std::runtime_error(fmt::format("cannot write {}: it is a directory", target));
     // Beside the target, so that the rename stays on one file system.
-    std::string pattern = (path.parent_path() / ("." + path.filename().string() + ".XXXXXX")).string();
+    std::string pattern = (path.parent_path() / fmt::format(".{}.XXXXXX", path.filename().string())).string();
     const int fd = ::mkstemp(pattern.data());
     if (fd < 0) throw std::runtime_error(fmt::format("cannot write {}: {}", target, std::strerror(errno)));
     // mkstemp makes the file private; the target keeps its mode, a new one gets the usual.
@@ -478,7 +494,9 @@ public:
         if (!taken.response.Raw()) {
             Fail(request, taken.failure);
         } else if (Platform::Interfaces::IHttpResponse* http = taken.response->GetHttpResponse()) {
-            if (const auto problem = AnswerProblem(*taken.response, *http, image))
+            // Seeding checks a picture's signature, not its pixels: decoding every tile would
+            // take longer than fetching and writing it.
+            if (const auto problem = AnswerProblem(*taken.response, *http, image, false))
                 Fail(request, *problem);
             else
                 ++fetched_;

@@ -177,6 +177,9 @@ public:
     }
 
     bool WriteStackTrace(uint32_t skip, uint32_t depth) override {
+        // Reading the symbol tables for a first trace takes a tenth of a second: not for a
+        // logger that writes nothing.
+        if (!enabled_) return false;
         const Windows::Module::StackTraceResult trace =
             Windows::Module::CaptureStackTrace(skip, static_cast<int>(depth));
         if (trace.error.Raw()) {
