@@ -84,12 +84,13 @@ constexpr double kHalfEquator = 20037508.342789244;   // x of longitude 180
 constexpr double kMercatorLimit = 85.051128779806604; // latitude of y = kHalfEquator
 const double kNaN = std::numeric_limits<double>::quiet_NaN();
 
-// Longitudes and latitudes: a grid of 1441 x 1441 over the whole range, the doubles next to the
-// edges, and points PROJ refuses or wraps.
+// Longitudes and latitudes: a grid of 1441 x 1441 over the whole range, row by row, the doubles
+// next to the edges, and points PROJ refuses or wraps.
 Coordinates GeographicPoints() {
     Coordinates c;
-    for (int i = 0; i <= 1440; ++i)
-        for (int j = 0; j <= 1440; ++j) c.Add(-180.0 + 0.25 * i, -90.0 + 0.125 * j);
+    for (int j = 0; j <= 1440; ++j)
+        for (int i = 0; i <= 1440; ++i) c.Add(-180.0 + 0.25 * i, -90.0 + 0.125 * j);
+    for (double lat : {0.0, -0.0, -0.0, 0.0}) c.Add(10.0, lat);
     for (double edge : {-180.0, 180.0, 0.0})
         for (double v : Around(edge, 20))
             for (double lat : {0.0, 45.5, -89.9, 90.0}) c.Add(v, lat);
@@ -104,11 +105,13 @@ Coordinates GeographicPoints() {
 }
 
 // Web Mercator metres: a grid of 1441 x 1441 over the square and 1.5 times as far north and south,
-// far beyond it towards the poles, the doubles next to the edges, and points PROJ refuses or wraps.
+// row by row, far beyond it towards the poles, the doubles next to the edges, and points PROJ
+// refuses or wraps.
 Coordinates MercatorPoints() {
     Coordinates c;
-    for (int i = 0; i <= 1440; ++i)
-        for (int j = 0; j <= 1440; ++j) c.Add(kHalfEquator * (i / 720.0 - 1.0), 1.5 * kHalfEquator * (j / 720.0 - 1.0));
+    for (int j = 0; j <= 1440; ++j)
+        for (int i = 0; i <= 1440; ++i) c.Add(kHalfEquator * (i / 720.0 - 1.0), 1.5 * kHalfEquator * (j / 720.0 - 1.0));
+    for (double y : {0.0, -0.0, -0.0, 0.0}) c.Add(1.0e6, y);
     for (double y : {3e7, 1e8, 2.4e8, 4.5e9, 1e300, std::numeric_limits<double>::max()})
         for (double x : {0.0, kHalfEquator}) c.Add(x, y), c.Add(-x, -y);
     for (double edge : {-kHalfEquator, kHalfEquator, 0.0})

@@ -8,7 +8,9 @@
 // Points outside the plain range of the formulas (beyond 180 degrees of longitude or 90 of
 // latitude, outside the Mercator square, infinite or NaN, or with a z PROJ would refuse) are
 // handed to PROJ, one batch call for all of them, so they come out exactly as before.
+#include <bit>
 #include <cmath>
+#include <cstdint>
 #include <limits>
 #include <stdexcept>
 #include <string_view>
@@ -87,12 +89,33 @@ struct Points {
     bool PlainZ(size_t i) const { return !z || std::isfinite(At(z, sz, i)); }
 };
 
+// y of both directions depends on y alone, and the points of a grid come row by row: a run of
+// the same y (the same bits, so -0 is not +0) computes its result once.
+class LastOf {
+public:
+    template <class Compute>
+    double operator()(double input, Compute&& compute) {
+        const auto bits = std::bit_cast<uint64_t>(input);
+        if (bits != input_) {
+            input_ = bits;
+            output_ = compute(input);
+        }
+        return output_;
+    }
+
+private:
+    // A NaN: the closed form never sees one, so the first point always computes.
+    uint64_t input_ = std::bit_cast<uint64_t>(std::numeric_limits<double>::quiet_NaN());
+    double output_ = 0.0;
+};
+
 // Longitude and latitude in degrees to Web Mercator metres, for points with |lon| <= 180 and
 // |lat| <= 90. `Multiply` says whether degrees become radians by multiplying by
 // kDegreesToRadians or by dividing by kRadiansToDegrees. The indices of other points go to
 // `others`.
 template <bool Multiply>
 void ToWebMercator(const Points& p, size_t count, std::vector<size_t>& others) {
+    LastOf northing;
     for (size_t i = 0; i < count; ++i) {
         double& x = p.X(i);
         double& y = p.Y(i);
@@ -101,10 +124,12 @@ void ToWebMercator(const Points& p, size_t count, std::vector<size_t>& others) {
             continue;
         }
         const double lambda = Multiply ? x * kDegreesToRadians : x / kRadiansToDegrees;
-        const double phi = Multiply ? y * kDegreesToRadians : y / kRadiansToDegrees;
         // The added zeros are the false easting and northing: they make a -0 result +0, as in PROJ.
         x = kRadius * lambda + 0.0;
-        y = kRadius * std::asinh(std::tan(phi)) + 0.0;
+        y = northing(y, [](double lat) {
+            const double phi = Multiply ? lat * kDegreesToRadians : lat / kRadiansToDegrees;
+            return kRadius * std::asinh(std::tan(phi)) + 0.0;
+        });
     }
 }
 
@@ -112,6 +137,7 @@ void ToWebMercator(const Points& p, size_t count, std::vector<size_t>& others) {
 // equator and a finite y. `Multiply` as above, for radians to degrees.
 template <bool Multiply>
 void ToGeographic(const Points& p, size_t count, std::vector<size_t>& others) {
+    LastOf latitude;
     for (size_t i = 0; i < count; ++i) {
         double& x = p.X(i);
         double& y = p.Y(i);
@@ -121,9 +147,11 @@ void ToGeographic(const Points& p, size_t count, std::vector<size_t>& others) {
         }
         // The added zero is the central meridian: it makes a -0 longitude +0, as in PROJ.
         const double lambda = x * kInverseRadius + 0.0;
-        const double phi = std::atan(std::sinh(y * kInverseRadius));
         x = Multiply ? lambda * kRadiansToDegrees : lambda / kDegreesToRadians;
-        y = Multiply ? phi * kRadiansToDegrees : phi / kDegreesToRadians;
+        y = latitude(y, [](double northing) {
+            const double phi = std::atan(std::sinh(northing * kInverseRadius));
+            return Multiply ? phi * kRadiansToDegrees : phi / kDegreesToRadians;
+        });
     }
 }
 
