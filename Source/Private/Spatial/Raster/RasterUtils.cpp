@@ -34,8 +34,9 @@ constexpr int64_t kPixelsPerThread = 1000000;
 
 void Log(int line, const std::string& text) { Platform::LogMessage(Platform::LogDebug, kFunction, kFile, line, text); }
 
-// Points transformed in one batch call: whole rows of at least this many points, so that the
-// coordinates of a batch stay in the core's cache between the transformation and the copy.
+// Points transformed in one batch call: as many whole rows as fit in this many points, at least
+// one, so that the coordinates of a batch stay in the core's cache between the transformation
+// and the copy.
 constexpr int64_t kBatchPoints = 8192;
 
 // Everything the sampling threads read; built on the calling thread before they start.
