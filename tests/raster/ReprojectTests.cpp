@@ -194,18 +194,18 @@ TEST(ReprojectImage, NonTiffSourceOrEmptyHolderFailsWithTheTexts) {
               "Interface is not accessible: " + Core::TypeName<Tellar::Interfaces::ICrsTransformation>());
 }
 
-// More threads than rows: each thread still gets a row, and the call ends.
+// More threads allowed than there are rows: a thread to each row, and the call ends.
 TEST(ReprojectImage, WidePictureOfFewRowsEnds) {
     constexpr int32_t kWidth = 1600000;
     Ptr<ITiffImage> source = PositionImage(kWidth, 1, Transform(10.0, -10.0, -8.0e6, 1.0e6).Raw(), 3857);
     Ptr<IImage> target = RasterUtils::ReprojectImage(source.Raw(), Holder(3857, 4326), 8);
     ASSERT_EQ(target->GetHeight(), 2);
-    ASSERT_GE(int64_t(target->GetWidth()) * target->GetHeight() / 1000000, 3); // three threads for two rows
+    ASSERT_GE(int64_t(target->GetWidth()) * target->GetHeight() / 1000000, 3); // three threads' worth for two rows
     EXPECT_GT(ExpectLanded(source.Raw(), target.Raw(), {0, 0, 0, 0}, 0, 997).inside, 1000);
 }
 
-// Two threads of 1000 rows and one more for the last row; the result doesn't depend on the
-// number of threads.
+// Two threads on an odd number of rows, so one stretch is a row longer; the result doesn't depend
+// on the number of threads.
 TEST(ReprojectImage, HeightNotAMultipleOfTheThreads) {
     Ptr<ITiffImage> source = PositionImage(1001, 2000, Transform(100.0, -100.0, 500000.0, 150000.0).Raw(), 3857);
     Ptr<IImage> single = RasterUtils::ReprojectImage(source.Raw(), Holder(3857, 4326), 1);

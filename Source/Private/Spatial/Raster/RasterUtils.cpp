@@ -34,68 +34,76 @@ constexpr int64_t kPixelsPerThread = 1000000;
 
 void Log(int line, const std::string& text) { Platform::LogMessage(Platform::LogDebug, kFunction, kFile, line, text); }
 
+// Points transformed in one batch call: as many whole rows as fit in this many points, at least
+// one, so that the coordinates of a batch stay in the core's cache between the transformation
+// and the copy.
+constexpr int64_t kBatchPoints = 8192;
+
 // Everything the sampling threads read; built on the calling thread before they start.
 struct SamplingJob {
+    AffineMap target;
     AffineMap source;
     std::vector<const uint8_t*> sourceRows;
     std::vector<uint8_t*> targetRows;
-    const double* worldX = nullptr;
-    const double* worldY = nullptr;
-    int64_t width = 0, height = 0;
+    int64_t width = 0;
     double sourceWidth = 0.0, sourceHeight = 0.0;
     size_t bytesPerPixel = 0;
 };
 
-// Nearest neighbour with truncation for target pixels [start, end); `Bytes` is the pixel size
-// when known at compile time, 0 for any other size.
+// Nearest neighbour with truncation for the `width` target pixels of one row, whose source
+// coordinates are in `worldX`, `worldY`; `Bytes` is the pixel size when known at compile time,
+// 0 for any other size.
 template <size_t Bytes>
-void SampleStretch(const SamplingJob& job, int64_t start, int64_t end) {
+void SampleRow(const SamplingJob& job, uint8_t* targetRow, const double* worldX, const double* worldY) {
     const size_t bytes = Bytes ? Bytes : job.bytesPerPixel;
-    int64_t row = start / job.width, column = start % job.width;
-    for (int64_t i = start; i < end; ++i) {
+    for (int64_t c = 0; c < job.width; ++c) {
         double px, py;
-        job.source.ToPixel(job.worldX[i], job.worldY[i], px, py);
+        job.source.ToPixel(worldX[c], worldY[c], px, py);
         // For px >= 0, trunc(px) < sourceWidth exactly when px < sourceWidth; NaN fails both.
-        if (column >= 0 && row >= 0 && column < job.width && row < job.height && px >= 0.0 && py >= 0.0 &&
-            px < job.sourceWidth && py < job.sourceHeight) {
+        if (px >= 0.0 && py >= 0.0 && px < job.sourceWidth && py < job.sourceHeight) {
             const auto sx = static_cast<size_t>(px), sy = static_cast<size_t>(py);
-            std::memcpy(job.targetRows[static_cast<size_t>(row)] + static_cast<size_t>(column) * bytes,
-                        job.sourceRows[sy] + sx * bytes, bytes);
-        }
-        if (++column == job.width) {
-            column = 0;
-            ++row;
+            std::memcpy(targetRow + static_cast<size_t>(c) * bytes, job.sourceRows[sy] + sx * bytes, bytes);
         }
     }
 }
 
-void Sample(const SamplingJob& job, int64_t start, int64_t end) {
+template <size_t Bytes>
+void SampleRowsOf(const SamplingJob& job, CrsTransformationHolder& inverse, int64_t start, int64_t end) {
+    const int64_t rowsPerBatch = std::max<int64_t>(1, kBatchPoints / job.width);
+    const auto capacity = static_cast<size_t>(std::min(rowsPerBatch, end - start) * job.width);
+    const auto worldX = std::make_unique_for_overwrite<double[]>(capacity);
+    const auto worldY = std::make_unique_for_overwrite<double[]>(capacity);
+    for (int64_t first = start; first < end; first += rowsPerBatch) {
+        const int64_t last = std::min(first + rowsPerBatch, end);
+        // Target pixel centres, then their source coordinates.
+        double* xs = worldX.get();
+        double* ys = worldY.get();
+        for (int64_t r = first; r < last; ++r)
+            for (int64_t c = 0; c < job.width; ++c, ++xs, ++ys)
+                job.target.ToWorld(static_cast<double>(c) + 0.5, static_cast<double>(r) + 0.5, *xs, *ys);
+        Ptr<Core::IErrorCode> error;
+        if (!inverse.transformation->TransformArrays(static_cast<uint64_t>((last - first) * job.width),
+                                                     Tellar::Interfaces::TransformForward, worldX.get(), worldY.get(),
+                                                     nullptr, error.ReceiveAddress()))
+            Core::ThrowIfError(error);
+        for (int64_t r = first; r < last; ++r) {
+            const auto offset = static_cast<size_t>((r - first) * job.width);
+            SampleRow<Bytes>(job, job.targetRows[static_cast<size_t>(r)], worldX.get() + offset, worldY.get() + offset);
+        }
+    }
+}
+
+// Target rows [start, end): their pixel centres through the worker's own transformation in
+// batches of whole rows, each batch sampled as soon as it is transformed.
+void SampleRows(const SamplingJob& job, CrsTransformationHolder& inverse, int64_t start, int64_t end) {
     switch (job.bytesPerPixel) {
-    case 1: return SampleStretch<1>(job, start, end);
-    case 2: return SampleStretch<2>(job, start, end);
-    case 3: return SampleStretch<3>(job, start, end);
-    case 4: return SampleStretch<4>(job, start, end);
-    case 8: return SampleStretch<8>(job, start, end);
-    default: return SampleStretch<0>(job, start, end);
+    case 1: return SampleRowsOf<1>(job, inverse, start, end);
+    case 2: return SampleRowsOf<2>(job, inverse, start, end);
+    case 3: return SampleRowsOf<3>(job, inverse, start, end);
+    case 4: return SampleRowsOf<4>(job, inverse, start, end);
+    case 8: return SampleRowsOf<8>(job, inverse, start, end);
+    default: return SampleRowsOf<0>(job, inverse, start, end);
     }
-}
-
-// Source world coordinates of the target pixel centres of rows [start, end), in one batch
-// call of the thread's own transformation.
-void ComputeCoordinates(CrsTransformationHolder& inverse, const AffineMap& target, double* worldX, double* worldY,
-                        int64_t width, int64_t start, int64_t end) {
-    for (int64_t r = start; r < end; ++r) {
-        double* xs = worldX + r * width;
-        double* ys = worldY + r * width;
-        for (int64_t c = 0; c < width; ++c)
-            target.ToWorld(static_cast<double>(c) + 0.5, static_cast<double>(r) + 0.5, xs[c], ys[c]);
-    }
-    const int64_t offset = start * width;
-    Ptr<Core::IErrorCode> error;
-    if (!inverse.transformation->TransformArrays(static_cast<uint64_t>((end - start) * width),
-                                                 Tellar::Interfaces::TransformForward, worldX + offset, worldY + offset,
-                                                 nullptr, error.ReceiveAddress()))
-        Core::ThrowIfError(error);
 }
 
 void JoinAll(std::vector<std::thread>& threads) {
@@ -183,8 +191,9 @@ Ptr<IImage> RasterUtils::ReprojectImage(IImage* sourceImage, CrsTransformationHo
         static_cast<int64_t>(static_cast<int32_t>(static_cast<uint32_t>(width) * static_cast<uint32_t>(height)));
     int64_t threads = std::max<int64_t>(1, pixels / kPixelsPerThread);
     threads = std::min<int64_t>(threads, hardwareConcurrency);
-    // At least one row per thread, so that a wide picture of few rows still moves on.
-    const int64_t rowsPerThread = std::max<int64_t>(1, height / threads);
+    // Rows are shared out evenly, at least one to a thread, so that a wide picture of few rows
+    // gets no thread without work.
+    threads = std::min<int64_t>(threads, height);
 
     // The georeference of the target.
     Ptr<ITransform> targetTransform;
@@ -195,22 +204,6 @@ Ptr<IImage> RasterUtils::ReprojectImage(IImage* sourceImage, CrsTransformationHo
             Core::ThrowIfError(error);
     }
     Log(538, Core::StringFormat("Resampled image res: {%dx%d}", width, height));
-
-    // Source coordinates of every target pixel centre. Each stretch of rows gets a
-    // transformation of its own, made here, since one is never shared between threads.
-    const auto worldX = std::make_unique_for_overwrite<double[]>(static_cast<size_t>(pixels));
-    const auto worldY = std::make_unique_for_overwrite<double[]>(static_cast<size_t>(pixels));
-    const AffineMap targetMap(*targetTransform);
-    std::vector<std::thread> workers;
-    for (int64_t start = 0; start < height; start += rowsPerThread) {
-        const int64_t end = std::min<int64_t>(start + rowsPerThread, height);
-        CrsTransformationHolder inverse(targetCrs, sourceCrs);
-        workers.emplace_back([inverse = std::move(inverse), &targetMap, x = worldX.get(), y = worldY.get(),
-                              w = int64_t{width}, start,
-                              end]() mutable { ComputeCoordinates(inverse, targetMap, x, y, w, start, end); });
-    }
-    // All rows are in source coordinates now.
-    JoinAll(workers);
     Log(549, Core::StringFormat("New BBox: [%f %f] [%f %f]", box.minX, box.minY, box.maxX, box.maxY));
 
     // The target image, of the source's layout.
@@ -242,16 +235,14 @@ Ptr<IImage> RasterUtils::ReprojectImage(IImage* sourceImage, CrsTransformationHo
     }
 
     // Row addresses, taken once: the sampling loop calls nothing per pixel.
-    SamplingJob job{AffineMap(*sourceTransform),
-                    {},
-                    {},
-                    worldX.get(),
-                    worldY.get(),
-                    width,
-                    height,
-                    double(srcWidth),
-                    double(srcHeight),
-                    static_cast<size_t>(bytesPerPixel)};
+    SamplingJob job{.target = AffineMap(*targetTransform),
+                    .source = AffineMap(*sourceTransform),
+                    .sourceRows = {},
+                    .targetRows = {},
+                    .width = width,
+                    .sourceWidth = double(srcWidth),
+                    .sourceHeight = double(srcHeight),
+                    .bytesPerPixel = static_cast<size_t>(bytesPerPixel)};
     job.sourceRows.resize(static_cast<size_t>(srcHeight));
     for (int32_t y = 0; y < srcHeight; ++y)
         job.sourceRows[size_t(y)] = static_cast<const uint8_t*>(source->GetPixelPointer(0, y));
@@ -271,11 +262,16 @@ Ptr<IImage> RasterUtils::ReprojectImage(IImage* sourceImage, CrsTransformationHo
         }
     }
 
-    // Nearest neighbour, one stretch of target pixels per thread.
-    const int64_t chunk = pixels / threads;
-    for (int64_t start = 0; start < pixels; start += chunk) {
-        const int64_t end = std::min(start + chunk, pixels);
-        workers.emplace_back([&job, sourceHold = source, targetHold = target, start, end] { Sample(job, start, end); });
+    // Nearest neighbour, one stretch of rows per thread. Each thread gets a transformation of
+    // its own, all made here before any thread starts, since one is never shared between threads.
+    std::vector<CrsTransformationHolder> inverses;
+    inverses.reserve(static_cast<size_t>(threads));
+    for (int64_t k = 0; k < threads; ++k) inverses.emplace_back(targetCrs, sourceCrs);
+    std::vector<std::thread> workers;
+    for (int64_t k = 0; k < threads; ++k) {
+        const int64_t start = height * k / threads, end = height * (k + 1) / threads;
+        workers.emplace_back([&job, &inverse = inverses[size_t(k)], sourceHold = source, targetHold = target, start,
+                              end] { SampleRows(job, inverse, start, end); });
     }
     JoinAll(workers);
     target->SetEpsgCode(targetCrs->GetEpsgCode());
