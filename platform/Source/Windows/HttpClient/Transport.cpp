@@ -34,7 +34,7 @@ std::atomic<size_t> g_liveHandles{0};
 constexpr size_t kBufferHigh = 1024 * 1024;
 constexpr size_t kBufferLow = kBufferHigh / 2;
 constexpr int kMaxRedirects = 10;
-constexpr long kMaxHostConnections = 128;
+constexpr long kMaxHostConnections = 64;
 // Transfers in the multi handle at once; the others wait their turn in arrival order, which
 // keeps each pass of curl over its transfers short with thousands of requests in flight.
 constexpr size_t kMaxActive = 2 * kMaxHostConnections;
