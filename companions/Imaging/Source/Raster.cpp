@@ -1,11 +1,41 @@
 #include "Raster.h"
 
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <stdexcept>
 
 #include <fmt/format.h>
 
 namespace TellarImaging::impl {
+
+namespace {
+
+// Blocks from this size on are mapped on their own, in huge pages where offered.
+constexpr size_t MappedBytes = size_t(8) << 20;
+
+} // namespace
+
+PixelBuffer::PixelBuffer(size_t size) : size_(size) {
+    if (size == 0) return;
+    if (size >= MappedBytes) {
+        void* block = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (block == MAP_FAILED) throw std::bad_alloc();
+        ::madvise(block, size, MADV_HUGEPAGE);
+        bytes_ = static_cast<uint8_t*>(block);
+        return;
+    }
+    bytes_ = static_cast<uint8_t*>(std::calloc(size, 1));
+    if (!bytes_) throw std::bad_alloc();
+}
+
+void PixelBuffer::Release() noexcept {
+    if (!bytes_) return;
+    if (size_ >= MappedBytes) ::munmap(bytes_, size_);
+    else std::free(bytes_);
+    bytes_ = nullptr;
+    size_ = 0;
+}
 
 Raster::Raster(int64_t w, int64_t h, int32_t spp, int32_t bps) {
     if (w < 0 || h < 0 || w > INT32_MAX || h > INT32_MAX)
