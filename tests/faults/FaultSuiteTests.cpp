@@ -50,14 +50,28 @@ constexpr int SlackMs = 5000;
 // Large enough that a copy of it shows in time and memory, small enough for the sanitizer builds.
 constexpr uint64_t HugeBytes = 200ull << 20;
 
-enum Road { Response, Mosaic, BestEffort, TileData, TileImage, Download, MapAsync, DataAsync, MapSync, RoadCount };
-constexpr const char* RoadNames[RoadCount] = {"GetResponse",   "GetImage",       "GetImageBestEffort",
-                                              "FetchTileData", "FetchTileAsync", "DownloadMap",
-                                              "GetMapAsync",   "GetDataAsync",   "GetMapSync"};
+enum Road {
+    Response,
+    Mosaic,
+    BestEffort,
+    TileData,
+    TileImage,
+    Download,
+    MapAsync,
+    DataAsync,
+    MapSync,
+    WmtsResponse,
+    WmtsMosaic,
+    RoadCount
+};
+constexpr const char* RoadNames[RoadCount] = {
+    "GetResponse", "GetImage",     "GetImageBestEffort", "FetchTileData",    "FetchTileAsync", "DownloadMap",
+    "GetMapAsync", "GetDataAsync", "GetMapSync",         "WMTS GetResponse", "WMTS GetImage"};
 
 // One answer of the server and what each road makes of it. Results read:
 //   tiles       "200", "404" ... (the status GetResponse hands over) or "fail: <text>"
-//   mosaics     "28x38" (the tile cut to the box) or "fail: <text>"
+//   mosaics     "28x38" (the tile cut to the box; "28x29" for the WMTS service, in metres) or
+//               "fail: <text>"
 //   fetcher     "png" (the tile's bytes), "<n> bytes", "empty", "null", "no call" (decode failed)
 //   download    "file" or "no file"
 //   tasks       "256x256", "png", "<n> bytes", "failed" (nothing came), "open" (never ends),
@@ -77,21 +91,16 @@ using Results = std::array<std::string, RoadCount>;
 const std::string NothingCame = "fail: Failed to download data from WCS service roads";
 
 // A good tile, whoever delivers it; the mosaic is cut to the box asked for.
-const Results Good = {"200 cached", "28x38 cached",   "28x38 cached", "png cached",    "256x256 cached",
-                      "file",       "256x256 cached", "png",          "256x256 cached"};
-// An exchange that fails: the blocking road has no text of its own for it.
-const Results Broken = {"fail: Unknown exception",
-                        "fail: Unknown exception",
-                        "fail: Unknown exception",
-                        "null",
-                        "null",
-                        "no file",
-                        "failed",
-                        "failed",
-                        NothingCame};
+const Results Good = {"200 cached",     "28x38 cached", "28x38 cached",   "png cached", "256x256 cached", "file",
+                      "256x256 cached", "png",          "256x256 cached", "200 cached", "28x29 cached"};
+// An exchange that fails: the blocking roads have no text of their own for it.
+const std::string Unknown = "fail: Unknown exception";
+const Results Broken = {Unknown,  Unknown,  Unknown,     "null",  "null", "no file",
+                        "failed", "failed", NothingCame, Unknown, Unknown};
 // A whole answer without a tile: the status reaches GetResponse, the mosaic fails to decode the body.
 Results NoTile(const std::string& status, const std::string& decode) {
-    return {status, "fail: " + decode, "fail: " + decode, "null", "null", "no file", "failed", "failed", NothingCame};
+    return {status,   "fail: " + decode, "fail: " + decode, "null", "null",           "no file",
+            "failed", "failed",          NothingCame,       status, "fail: " + decode};
 }
 // A text page with status 200: the box download and GetDataAsync take any whole 200 body.
 Results Page(size_t size) {
@@ -155,7 +164,8 @@ bool IsHugeBody(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);
     std::vector<char> read(block);
     for (uint64_t at = 0; at < HugeBytes; at += block) {
-        if (!in.read(read.data(), block) || std::memcmp(read.data(), run.data() + at % TestSupport::PatternPeriod, block))
+        if (!in.read(read.data(), block) ||
+            std::memcmp(read.data(), run.data() + at % TestSupport::PatternPeriod, block))
             return false;
     }
     return true;
@@ -292,7 +302,9 @@ private:
         switch (road_) {
         case Response:
         case Mosaic:
-        case BestEffort: return Blocking();
+        case BestEffort:
+        case WmtsResponse:
+        case WmtsMosaic: return Blocking();
         case TileData:
         case TileImage:
         case Download: return Fetcher();
@@ -300,20 +312,30 @@ private:
         }
     }
 
-    // GetTile and GetResponse, or a mosaic of the one tile (2, 2, 1), through the exports.
+    // GetTile and GetResponse, or a mosaic of the one tile (2, 2, 1), through the exports; the
+    // WMTS service's set is Web Mercator's first three levels.
     std::string Blocking() {
-        auto service = Service(TileTemplate(), 4326, cache_.Path().c_str());
+        const bool wmts = road_ == WmtsResponse || road_ == WmtsMosaic;
+        Core::Ptr<IMapService> service;
+        Core::Ptr<Core::IErrorCode> error;
+        const std::string caps = capsBase_ + "/caps/wmts/" + row_.name;
+        if (!wmts)
+            service = Service(TileTemplate(), 4326, cache_.Path().c_str());
+        else if (!TellarSpatialMaps_CreateCachedMapServiceFromWmtsUrl(Epsg().Raw(), cache_.Path().c_str(), caps.c_str(),
+                                                                      "roads", nullptr, nullptr, nullptr,
+                                                                      service.ReceiveAddress(), error.ReceiveAddress()))
+            return "no service: " + TextOf(error);
         if (!service.Raw()) return "no service";
         service->GetHttpClient()->SetReceiveTimeout(Timeout());
-        if (road_ != Response) {
-            auto box = Box(10, 10, 20, 20);
+        if (road_ != Response && road_ != WmtsResponse) {
+            // 10 to 20 degrees east and north; in metres for the WMTS service.
+            auto box = wmts ? Box(1113195, 1118890, 2226390, 2273031) : Box(10, 10, 20, 20);
             const auto mosaic = GetMosaic(*service, 2, box.Raw(), road_ == BestEffort);
             if (!mosaic.image.Raw()) return "fail: " + mosaic.failure;
             return std::to_string(mosaic.image->GetWidth()) + "x" + std::to_string(mosaic.image->GetHeight());
         }
         auto request = Tile(*service, 2, 2, 1);
         Core::Ptr<ITileResponse> response;
-        Core::Ptr<Core::IErrorCode> error;
         if (!request->GetResponse(response.ReceiveAddress(), error.ReceiveAddress())) return "fail: " + TextOf(error);
         auto* http = response->GetHttpResponse();
         if (!http) return "from the cache";
@@ -452,9 +474,34 @@ Answer RedirectTo(const std::string& name) {
     };
 }
 
-// The capabilities of a WMS layer "roads" or a WCS coverage "dem" whose pictures come from `base`.
-std::string Capabilities(bool wcs, const std::string& base) {
-    if (wcs)
+// The capabilities of a WMS or WMTS layer "roads" or a WCS coverage "dem" whose pictures come
+// from `base`.
+std::string Capabilities(const std::string& kind, const std::string& base) {
+    if (kind == "wmts")
+        return R"(<?xml version="1.0"?>
+<Capabilities xmlns="http://www.opengis.net/wmts/1.0" xmlns:ows="http://www.opengis.net/ows/1.1" version="1.0.0">
+  <ows:ServiceIdentification><ows:ServiceType>OGC WMTS</ows:ServiceType></ows:ServiceIdentification>
+  <Contents>
+    <Layer><ows:Title>Roads</ows:Title><ows:Identifier>roads</ows:Identifier>
+      <ows:WGS84BoundingBox><ows:LowerCorner>-180 -85</ows:LowerCorner><ows:UpperCorner>180 85</ows:UpperCorner></ows:WGS84BoundingBox>
+      <Style isDefault="true"><ows:Title>Plain</ows:Title><ows:Identifier>plain</ows:Identifier></Style><Format>image/png</Format>
+      <ResourceURL format="image/png" resourceType="tile" template=")" +
+               base + R"(/{TileMatrix}/{TileCol}/{TileRow}.png"/>
+      <TileMatrixSetLink><TileMatrixSet>mercator</TileMatrixSet></TileMatrixSetLink></Layer>
+    <TileMatrixSet><ows:Title>Mercator</ows:Title><ows:Identifier>mercator</ows:Identifier><ows:SupportedCRS>urn:ogc:def:crs:EPSG::3857</ows:SupportedCRS>
+      <TileMatrix><ows:Identifier>0</ows:Identifier><ScaleDenominator>559082264.0287178</ScaleDenominator>
+        <TopLeftCorner>-20037508.342789244 20037508.342789244</TopLeftCorner><TileWidth>256</TileWidth>
+        <TileHeight>256</TileHeight><MatrixWidth>1</MatrixWidth><MatrixHeight>1</MatrixHeight></TileMatrix>
+      <TileMatrix><ows:Identifier>1</ows:Identifier><ScaleDenominator>279541132.0143589</ScaleDenominator>
+        <TopLeftCorner>-20037508.342789244 20037508.342789244</TopLeftCorner><TileWidth>256</TileWidth>
+        <TileHeight>256</TileHeight><MatrixWidth>2</MatrixWidth><MatrixHeight>2</MatrixHeight></TileMatrix>
+      <TileMatrix><ows:Identifier>2</ows:Identifier><ScaleDenominator>139770566.00717944</ScaleDenominator>
+        <TopLeftCorner>-20037508.342789244 20037508.342789244</TopLeftCorner><TileWidth>256</TileWidth>
+        <TileHeight>256</TileHeight><MatrixWidth>4</MatrixWidth><MatrixHeight>4</MatrixHeight></TileMatrix>
+    </TileMatrixSet>
+  </Contents>
+</Capabilities>)";
+    if (kind == "wcs")
         return R"(<?xml version="1.0"?>
 <WCS_Capabilities version="1.0.0" xmlns="http://www.opengis.net/wcs" xmlns:gml="http://www.opengis.net/gml"
     xmlns:xlink="http://www.w3.org/1999/xlink"><Service><name>WCS</name><label>Faults</label></Service>
@@ -489,7 +536,7 @@ std::vector<Row> Table() {
     const std::string gzipped = TestSupport::Gzip(png);
     const std::string chunkedHead = "HTTP/1.1 200 OK\r\n" + pngType + "Transfer-Encoding: chunked\r\n\r\n";
     // Columns: GetResponse, GetImage, GetImageBestEffort, FetchTileData, FetchTileAsync, DownloadMap,
-    // GetMapAsync, GetDataAsync, GetMapSync.
+    // GetMapAsync, GetDataAsync, GetMapSync, WMTS GetResponse, WMTS GetImage.
     return {
         {"ok", Reply(200, pngType, png), png, true, 0, Good},
         {"slow-headers", After(4000, Reply(200, pngType, png)), png, true, 0, Broken},
@@ -513,7 +560,7 @@ std::vector<Row> Table() {
          false,
          0,
          {"200", "fail: Empty image data: 0 bytes", "fail: Empty image data: 0 bytes", "empty", "no call", "no file",
-          "open", "failed", "not run"}},
+          "open", "failed", "not run", "200", "fail: Empty image data: 0 bytes"}},
         {"big-png",
          Reply(200, pngType, bigPng),
          bigPng,
@@ -521,7 +568,8 @@ std::vector<Row> Table() {
          0,
          {"200 cached", "fail: Image too large: 20000 x 20000 pixels cached",
           "fail: Image too large: 20000 x 20000 pixels cached", std::to_string(bigPng.size()) + " bytes cached",
-          "no call cached", "file", "open cached", std::to_string(bigPng.size()) + " bytes", "not run"}},
+          "no call cached", "file", "open cached", std::to_string(bigPng.size()) + " bytes", "not run", "200 cached",
+          "fail: Image too large: 20000 x 20000 pixels cached"}},
         {"gzip", Reply(200, pngType + "Content-Encoding: gzip\r\n", gzipped), png, true, 0, Good},
         {"bad-gzip", Reply(200, pngType + "Content-Encoding: gzip\r\n", garbledGzip), "", false, 0, Broken},
         {"deflate", Reply(200, pngType + "Content-Encoding: deflate\r\n", TestSupport::Deflated(png, 15)), png, true, 0,
@@ -552,7 +600,7 @@ std::vector<Row> Table() {
          true,
          8000,
          {"200 cached", "fail: Unknown image format cached", "fail: Unknown image format cached", huge + " cached",
-          "no call cached", "file", "open cached", huge, "not run"},
+          "no call cached", "file", "open cached", huge, "not run", "200 cached", "fail: Unknown image format cached"},
          true},
     };
 }
@@ -568,10 +616,11 @@ TEST(FaultSuite, EveryFaultOnEveryRoad) {
         if (row.answer) server.Set(row.name, row.answer);
     server.Set("hold", Answers::Hold());
     server.Set("caps", [&](int fd, const std::string& request) {
-        // /caps/wms/<row> or /caps/wcs/<row>
+        // /caps/<wms, wcs or wmts>/<row>
         const std::string target = Retarget(request, "caps");
-        const bool wcs = target.rfind("/caps/wcs/", 0) == 0;
-        Answers::Reply(200, "Content-Type: text/xml\r\n", Capabilities(wcs, baseOf(target.substr(10))))(fd, request);
+        const size_t slash = target.find('/', 6);
+        Answers::Reply(200, "Content-Type: text/xml\r\n",
+                       Capabilities(target.substr(6, slash - 6), baseOf(target.substr(slash + 1))))(fd, request);
     });
 
     struct Job {
