@@ -437,7 +437,9 @@ private:
     void EndAllAtExit();
     void Deliver();
     void ProcessDone();
-    void CheckTimeouts();
+    // Ends the requests that had moved no byte for their timeout when the last pass of curl
+    // began (`performed`).
+    void CheckTimeouts(Clock::time_point performed);
     void Finish(RequestState& request, uint32_t error);
     void Detach(RequestState& request);
     void DeliverError(RequestState& request, uint32_t api);
@@ -509,10 +511,11 @@ void Engine::Loop() {
 
         StartWaiting();
         int running = 0;
+        const Clock::time_point performed = Clock::now();
         curl_multi_perform(multi_, &running);
         ProcessDone();
         Deliver();
-        CheckTimeouts();
+        CheckTimeouts(performed);
         Deliver();
         StartWaiting();
 
@@ -662,16 +665,19 @@ void Engine::SetPipeWait(RequestState& request) {
     curl_easy_setopt(request.easy, CURLOPT_PIPEWAIT, multiplexed ? 1L : 0L);
 }
 
-void Engine::CheckTimeouts() {
+void Engine::CheckTimeouts(Clock::time_point performed) {
     const Clock::time_point now = Clock::now();
     if (now - lastTimeoutCheck_ < std::chrono::milliseconds(50)) return;
     lastTimeoutCheck_ = now;
+    // The pass of curl read every byte that had arrived before it began, so a request idle at
+    // its start has waited on the network. Time since then may have gone on this thread alone
+    // (delivering events, or not scheduled at all under load) while an answer waits unread.
     std::vector<std::shared_ptr<RequestState>> expired;
     for (auto& [easy, request] : active_) {
         if (!request->timerArmed || request->recvPaused || request->uploadPaused) continue;
         const int32_t limit = request->UploadPhase() ? request->timeouts.send : request->timeouts.receive;
         if (limit <= 0) continue;
-        if (now - request->lastActivity > std::chrono::milliseconds(limit)) expired.push_back(request);
+        if (performed - request->lastActivity > std::chrono::milliseconds(limit)) expired.push_back(request);
     }
     for (auto& request : expired) Finish(*request, ErrorTimeout);
 }
