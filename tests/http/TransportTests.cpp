@@ -206,6 +206,12 @@ TEST(Transport, MisbehavingServersCarryTheWinHttpNumber) {
         return [text](int fd, const std::string&) { RawServer::SendAll(fd, text); };
     };
     const char* truncated = "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n0123456789";
+    // A header block of `bytes`, status line and blank line included, then a body of two.
+    const auto headers = [](size_t bytes) {
+        const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\nX-Fill: ";
+        return head + std::string(bytes - head.size() - 4, 'f') + "\r\n\r\nok";
+    };
+    const std::string largest = headers(64 * 1024), tooLarge = headers(64 * 1024 + 1);
     const Events okEvents = {T::StatusSendRequestComplete, T::StatusHeadersAvailable, T::StatusReadComplete,
                              T::StatusReadComplete, T::StatusHandleClosing};
     const Events lateEvents = {T::StatusSendRequestComplete, T::StatusHeadersAvailable, T::StatusReadComplete,
@@ -229,6 +235,8 @@ TEST(Transport, MisbehavingServersCarryTheWinHttpNumber) {
          {}},
         {"BodyDelimitedByClose", send("HTTP/1.0 200 Fine\r\nX-A: 1\r\n\r\nbody until close"), false, 0, 0,
          "body until close", okEvents},
+        {"HeadersOf64KiB", send(largest.c_str()), false, 0, 0, "ok", okEvents},
+        {"HeadersPast64KiB", send(tooLarge.c_str()), false, T::ErrorHeaderSizeOverflow, 0, "", {}},
         {"Refused", nullptr, false, T::ErrorCannotConnect, T::ApiSendRequest, "",
          {T::StatusRequestError, T::StatusHandleClosing}},
     };
