@@ -298,46 +298,43 @@ TEST(DecodeErrors, CorruptAndTruncatedInputs) {
         std::string::npos);
 }
 
-// A header that asks for more memory than any tile needs is refused before anything is allocated.
-TEST(DecodeErrors, OversizedPngHeader) {
-    Bytes png = TestImages::EncodePng(Layout(1, 1, PNG_COLOR_TYPE_RGB_ALPHA, 8, Bytes{1, 2, 3, 4}));
-    // IHDR data starts at byte 16: width and height, big-endian; its CRC follows the 13 bytes.
-    const uint32_t side = 60000;
-    for (int i = 0; i < 2; ++i)
-        for (int b = 0; b < 4; ++b) png[16 + 4 * i + b] = uint8_t(side >> (24 - 8 * b));
-    const uint32_t crc = uint32_t(crc32(0, png.data() + 12, 17));
-    for (int b = 0; b < 4; ++b) png[29 + b] = uint8_t(crc >> (24 - 8 * b));
-    EXPECT_EQ(DecodeFailure(png), "Image of 60000x60000 pixels is too large");
+namespace {
+
+void PutBigEndian(uint8_t* at, uint32_t value, int bytes) {
+    for (int i = 0; i < bytes; ++i) at[i] = uint8_t(value >> (8 * (bytes - 1 - i)));
 }
 
-// A JPEG whose frame claims far more rows than its data holds is refused where the data ends,
-// not after libjpeg has filled the whole claimed image with made-up rows.
-TEST(DecodeErrors, JpegClaimingMoreThanItHoldsStopsAtTheEndOfItsData) {
+// A 1 x 1 PNG whose header claims `width` x `height`.
+Bytes PngClaiming(uint32_t width, uint32_t height) {
+    Bytes png = TestImages::EncodePng(Layout(1, 1, PNG_COLOR_TYPE_RGB_ALPHA, 8, Bytes{1, 2, 3, 4}));
+    // IHDR data starts at byte 16 with width and height; its CRC follows the 13 bytes.
+    PutBigEndian(&png[16], width, 4);
+    PutBigEndian(&png[20], height, 4);
+    PutBigEndian(&png[29], uint32_t(crc32(0, png.data() + 12, 17)), 4);
+    return png;
+}
+
+// A 16 x 16 grey JPEG whose baseline frame claims `width` x `height`.
+Bytes JpegClaiming(uint16_t width, uint16_t height) {
     Bytes jpeg = TestImages::EncodeJpeg(16, 16, 1, Gradient(16, 16, 1), 90);
-    // The baseline frame header: FF C0, its length, the precision, then height and width.
+    // The frame header: FF C0, its length, the precision, then height and width.
     const uint8_t frame[] = {0xFF, 0xC0};
     const auto at = std::search(jpeg.begin(), jpeg.end(), std::begin(frame), std::end(frame));
-    ASSERT_NE(at, jpeg.end());
-    const uint16_t side = 8192; // 256 MB of RGBA
-    at[5] = at[7] = uint8_t(side >> 8);
-    at[6] = at[8] = uint8_t(side & 0xFF);
-    const long before = RestartPeakRssKb();
-    ASSERT_GT(before, 0);
-    EXPECT_EQ(DecodeFailure(jpeg).rfind("Invalid JPEG image: ", 0), 0u);
-    // Half the image: filling it would cost all of it, AddressSanitizer's bookkeeping an eighth.
-    EXPECT_LT(PeakRssKb() - before, 128 * 1024) << "peak kB grew";
+    if (at == jpeg.end()) throw std::runtime_error("no baseline frame");
+    PutBigEndian(&at[5], height, 2);
+    PutBigEndian(&at[7], width, 2);
+    return jpeg;
 }
 
 // A TIFF of one PackBits strip (libtiff cuts only uncompressed strips into smaller ones) that
-// claims 8192 x 8192 16-bit pixels and holds 16 bytes of them is refused without a strip
-// buffer of the claimed 128 MB being filled first.
-TEST(DecodeErrors, TiffStripClaimingMoreThanItHoldsFillsNoBuffer) {
+// claims `width` x `height` 16-bit grey pixels and holds 16 bytes of them.
+Bytes TiffClaiming(uint32_t width, uint32_t height) {
     Bytes tiff = {'I', 'I', 42, 0, 8, 0, 0, 0, 8, 0};
     const uint32_t dataOffset = 8 + 2 + 8 * 12 + 4;
     // Tag, type (3 short, 4 long), one value.
     const std::tuple<uint16_t, uint16_t, uint32_t> entries[] = {
-        {256, 4, 8192}, {257, 4, 8192},       {258, 3, 16},   {259, 3, 32773},
-        {262, 3, 1},    {273, 4, dataOffset}, {278, 4, 8192}, {279, 4, 16},
+        {256, 4, width}, {257, 4, height},     {258, 3, 16},     {259, 3, 32773},
+        {262, 3, 1},     {273, 4, dataOffset}, {278, 4, height}, {279, 4, 16},
     };
     auto put = [&](uint32_t value, int bytes) {
         for (int i = 0; i < bytes; ++i) tiff.push_back(uint8_t(value >> (8 * i)));
@@ -349,9 +346,53 @@ TEST(DecodeErrors, TiffStripClaimingMoreThanItHoldsFillsNoBuffer) {
         put(value, 4);
     }
     put(0, 4);
-    ASSERT_EQ(tiff.size(), dataOffset);
     tiff.resize(tiff.size() + 16, 0x5A);
+    return tiff;
+}
 
+// An extended WebP file of its first chunk only, whose canvas is `width` x `height`.
+Bytes WebpCanvas(uint32_t width, uint32_t height) {
+    Bytes webp = {'R', 'I', 'F', 'F', 22, 0, 0, 0, 'W', 'E', 'B', 'P', 'V', 'P', '8', 'X', 10, 0, 0, 0, 0, 0, 0, 0};
+    for (const uint32_t side : {width - 1, height - 1})
+        for (int i = 0; i < 3; ++i) webp.push_back(uint8_t(side >> (8 * i)));
+    return webp;
+}
+
+} // namespace
+
+// A header of any format that claims more than 2^28 pixels is refused before the pixels get
+// memory; one at the limit is decoded as far as its data goes.
+TEST(DecodeErrors, HeadersClaimingMoreThanTheMostPixelsAreRefused) {
+    const struct {
+        const char* name;
+        Bytes bytes;
+        std::string failure;
+    } cases[] = {
+        {"png", PngClaiming(20000, 20000), "Image too large: 20000 x 20000 pixels"},
+        {"png one row past", PngClaiming(16384, 16385), "Image too large: 16384 x 16385 pixels"},
+        {"png at the limit", PngClaiming(16384, 16384), "Invalid PNG image: "},
+        {"jpeg", JpegClaiming(20000, 20000), "Image too large: 20000 x 20000 pixels"},
+        {"webp canvas", WebpCanvas(20000, 20000), "Image too large: 20000 x 20000 pixels"},
+        {"tiff", TiffClaiming(20000, 20000), "Image too large: 20000 x 20000 pixels"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(DecodeFailure(c.bytes).substr(0, c.failure.size()), c.failure) << c.name;
+}
+
+// A JPEG whose frame claims far more rows than its data holds is refused where the data ends,
+// not after libjpeg has filled the whole claimed image with made-up rows.
+TEST(DecodeErrors, JpegClaimingMoreThanItHoldsStopsAtTheEndOfItsData) {
+    const Bytes jpeg = JpegClaiming(8192, 8192); // 256 MB of RGBA
+    const long before = RestartPeakRssKb();
+    ASSERT_GT(before, 0);
+    EXPECT_EQ(DecodeFailure(jpeg).rfind("Invalid JPEG image: ", 0), 0u);
+    // Half the image: filling it would cost all of it, AddressSanitizer's bookkeeping an eighth.
+    EXPECT_LT(PeakRssKb() - before, 128 * 1024) << "peak kB grew";
+}
+
+// A TIFF strip that claims 8192 x 8192 16-bit pixels and holds 16 bytes of them is refused
+// without a strip buffer of the claimed 128 MB being filled first.
+TEST(DecodeErrors, TiffStripClaimingMoreThanItHoldsFillsNoBuffer) {
+    const Bytes tiff = TiffClaiming(8192, 8192);
     const long before = RestartPeakRssKb();
     ASSERT_GT(before, 0);
     EXPECT_EQ(DecodeFailure(tiff).rfind("Invalid TIFF image: ", 0), 0u);

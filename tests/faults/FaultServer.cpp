@@ -9,11 +9,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -46,7 +48,7 @@ bool Idle(int fd, int ms) {
 }
 
 // Sends all of `text`; false when the client has gone.
-bool Send(int fd, const std::string& text) {
+bool Send(int fd, std::string_view text) {
     size_t sent = 0;
     while (sent < text.size()) {
         const ssize_t n = ::send(fd, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
@@ -208,11 +210,11 @@ Answer Huge(const std::string& type, uint64_t size) {
     const std::string head = Head(200, type, size);
     return [head, size](int fd, const std::string&) {
         if (!Send(fd, head)) return;
-        std::string block(1 << 16, '\0');
-        for (uint64_t at = 0; at < size; at += block.size()) {
-            block.resize(std::min<uint64_t>(block.size(), size - at));
-            for (size_t i = 0; i < block.size(); ++i) block[i] = TestSupport::PatternByte(at + i);
-            if (!Send(fd, block)) return;
+        constexpr size_t block = 1 << 16;
+        static const std::string run = TestSupport::PatternRun(block);
+        for (uint64_t at = 0; at < size; at += block) {
+            const size_t length = std::min<uint64_t>(block, size - at);
+            if (!Send(fd, std::string_view(run).substr(at % TestSupport::PatternPeriod, length))) return;
         }
     };
 }

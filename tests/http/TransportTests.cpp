@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Transport.h"
@@ -30,6 +32,7 @@ struct Exchange {
     char buffer[32768];
     bool readBody = true;
     bool receiveOnSend = true; // false: the test asks for the response itself
+    int holdHeadersMs = 0;     // how long the headers' event keeps the transport thread
     std::atomic<int> afterClosing{0};
 
     std::vector<uint32_t> Events() {
@@ -60,6 +63,7 @@ struct Exchange {
             EXPECT_TRUE(T::QueryHeaders(handle, T::QueryRawHeadersCrlf, nullptr, text.data(), &size, nullptr));
             text.resize(size);
             x->Locked([&] { x->headers = text; });
+            std::this_thread::sleep_for(std::chrono::milliseconds(x->holdHeadersMs));
             if (x->readBody) T::ReadData(handle, x->buffer, sizeof(x->buffer), nullptr);
             break;
         }
@@ -202,6 +206,12 @@ TEST(Transport, MisbehavingServersCarryTheWinHttpNumber) {
         return [text](int fd, const std::string&) { RawServer::SendAll(fd, text); };
     };
     const char* truncated = "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n0123456789";
+    // A header block of `bytes`, status line and blank line included, then a body of two.
+    const auto headers = [](size_t bytes) {
+        const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\nX-Fill: ";
+        return head + std::string(bytes - head.size() - 4, 'f') + "\r\n\r\nok";
+    };
+    const std::string largest = headers(64 * 1024), tooLarge = headers(64 * 1024 + 1);
     const Events okEvents = {T::StatusSendRequestComplete, T::StatusHeadersAvailable, T::StatusReadComplete,
                              T::StatusReadComplete, T::StatusHandleClosing};
     const Events lateEvents = {T::StatusSendRequestComplete, T::StatusHeadersAvailable, T::StatusReadComplete,
@@ -225,6 +235,8 @@ TEST(Transport, MisbehavingServersCarryTheWinHttpNumber) {
          {}},
         {"BodyDelimitedByClose", send("HTTP/1.0 200 Fine\r\nX-A: 1\r\n\r\nbody until close"), false, 0, 0,
          "body until close", okEvents},
+        {"HeadersOf64KiB", send(largest.c_str()), false, 0, 0, "ok", okEvents},
+        {"HeadersPast64KiB", send(tooLarge.c_str()), false, T::ErrorHeaderSizeOverflow, 0, "", {}},
         {"Refused", nullptr, false, T::ErrorCannotConnect, T::ApiSendRequest, "",
          {T::StatusRequestError, T::StatusHandleClosing}},
     };
@@ -285,6 +297,25 @@ TEST(Transport, ChunkedResponseAndRedirectsAreFollowed) {
     EXPECT_EQ(redirected.body, "hello world");
     EXPECT_EQ(redirected.error, 0u);
     EXPECT_EQ(tooMany.error, T::ErrorRedirectFailed);
+}
+
+// Time the transport thread spends in events is not time waited on the network: an answer that
+// arrives while another request's event holds the thread past the timeout is still taken.
+TEST(Transport, AnAnswerWaitingWhileEventsRunIsNoTimeout) {
+    RawServer server([](int fd, const std::string& request) {
+        if (request.find("GET /late") != std::string::npos) std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        RawServer::SendAll(fd, "HTTP/1.1 200 OK\r\nContent-Length: 2\r\nConnection: close\r\n\r\nok");
+    });
+    Exchange late, holding;
+    holding.holdHeadersMs = 1500;
+    {
+        Session session(server.Port(), 1000);
+        session.Start(late, "/late");
+        session.Start(holding, "/now");
+        ASSERT_TRUE(WaitUntil([&] { return late.closed && holding.closed; }));
+    }
+    EXPECT_EQ(late.error, 0u);
+    EXPECT_EQ(late.body, "ok");
 }
 
 TEST(Transport, LargeBodyReadSlowlyArrivesWhole) {

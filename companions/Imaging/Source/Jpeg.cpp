@@ -49,8 +49,8 @@ public:
     JpegDecoder(const JpegDecoder&) = delete;
     JpegDecoder& operator=(const JpegDecoder&) = delete;
 
-    // Reads the header and starts decompression to RGBA. False with Message() on failure.
-    bool Start(const uint8_t* data, size_t size) {
+    // Reads the header. False with Message() on failure.
+    bool ReadHeader(const uint8_t* data, size_t size) {
         if (setjmp(errors_.jump)) return false;
         jpeg_create_decompress(&info_);
         created_ = true;
@@ -60,6 +60,13 @@ public:
             std::snprintf(errors_.message, sizeof errors_.message, "CMYK JPEG images are not supported");
             return false;
         }
+        return true;
+    }
+
+    // Starts decompression to RGBA, which allocates its buffers (for a progressive image, the
+    // coefficients of the whole image). False with Message() on failure.
+    bool Start() {
+        if (setjmp(errors_.jump)) return false;
         info_.out_color_space = JCS_EXT_RGBA;
         jpeg_start_decompress(&info_);
         // A progressive image is read whole here; if that found the data corrupt, the pixels
@@ -81,8 +88,10 @@ public:
         return !errors_.corrupt;
     }
 
-    uint32_t Width() const { return info_.output_width; }
-    uint32_t Height() const { return info_.output_height; }
+    // The size of the image once the header is read; decoded at full scale, so also that of
+    // the output.
+    uint32_t Width() const { return info_.image_width; }
+    uint32_t Height() const { return info_.image_height; }
     const char* Message() const { return errors_.message; }
 
 private:
@@ -95,7 +104,10 @@ private:
 
 Raster DecodeJpeg(const uint8_t* data, size_t size) {
     JpegDecoder decoder;
-    if (!decoder.Start(data, size)) throw std::runtime_error(std::string("Invalid JPEG image: ") + decoder.Message());
+    if (!decoder.ReadHeader(data, size))
+        throw std::runtime_error(std::string("Invalid JPEG image: ") + decoder.Message());
+    CheckDecodedSize(decoder.Width(), decoder.Height());
+    if (!decoder.Start()) throw std::runtime_error(std::string("Invalid JPEG image: ") + decoder.Message());
     Raster raster(decoder.Width(), decoder.Height(), 4, 8);
     if (!decoder.ReadRows(&raster)) throw std::runtime_error(std::string("Invalid JPEG image: ") + decoder.Message());
     return raster;

@@ -50,7 +50,7 @@ public:
     PngDecoder(const PngDecoder&) = delete;
     PngDecoder& operator=(const PngDecoder&) = delete;
 
-    // Reads the header and sets up the conversion to RGBA 8. False with Message() on failure.
+    // Reads the chunks up to the image data. False with Message() on failure.
     bool Start() {
         png_ = png_create_read_struct(PNG_LIBPNG_VER_STRING, &source_, OnError, OnWarning);
         if (!png_) return false;
@@ -59,6 +59,15 @@ public:
         if (setjmp(png_jmpbuf(png_))) return false;
         png_set_read_fn(png_, &source_, OnRead);
         png_read_info(png_, info_);
+        width_ = png_get_image_width(png_, info_);
+        height_ = png_get_image_height(png_, info_);
+        return true;
+    }
+
+    // Sets up the conversion to RGBA 8, which allocates the row buffers. False with Message()
+    // on failure.
+    bool Convert() {
+        if (setjmp(png_jmpbuf(png_))) return false;
         const int colorType = png_get_color_type(png_, info_);
         const bool transparency = png_get_valid(png_, info_, PNG_INFO_tRNS) != 0;
         png_set_expand(png_);
@@ -67,8 +76,6 @@ public:
         if (!(colorType & PNG_COLOR_MASK_ALPHA) && !transparency) png_set_filler(png_, 0xff, PNG_FILLER_AFTER);
         passes_ = png_set_interlace_handling(png_);
         png_read_update_info(png_, info_);
-        width_ = png_get_image_width(png_, info_);
-        height_ = png_get_image_height(png_, info_);
         if (png_get_rowbytes(png_, info_) != size_t(width_) * 4) {
             std::snprintf(source_.message, sizeof source_.message, "unexpected row layout");
             return false;
@@ -112,6 +119,8 @@ struct PngImage {
 Raster DecodePng(const uint8_t* data, size_t size) {
     PngDecoder decoder(data, size);
     if (!decoder.Start()) throw std::runtime_error(std::string("Invalid PNG image: ") + decoder.Message());
+    CheckDecodedSize(decoder.Width(), decoder.Height());
+    if (!decoder.Convert()) throw std::runtime_error(std::string("Invalid PNG image: ") + decoder.Message());
     Raster raster(decoder.Width(), decoder.Height(), 4, 8);
     if (!decoder.ReadRows(&raster)) throw std::runtime_error(std::string("Invalid PNG image: ") + decoder.Message());
     return raster;

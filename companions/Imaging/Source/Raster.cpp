@@ -55,6 +55,12 @@ Raster::Raster(int64_t w, int64_t h, int32_t spp, int32_t bps) {
     data = PixelBuffer(size_t(bytes));
 }
 
+void CheckDecodedSize(uint64_t width, uint64_t height) {
+    // Each side of a decoded image fits in 32 bits, so the product does not wrap.
+    if (width * height > MaxDecodedPixels)
+        throw std::runtime_error(fmt::format("Image too large: {} x {} pixels", width, height));
+}
+
 Raster Raster::Copy(int32_t x, int32_t y, int32_t w, int32_t h) const {
     Raster result(w, h, samplesPerPixel, bitsPerSample);
     const int32_t x0 = std::max(x, 0), y0 = std::max(y, 0);

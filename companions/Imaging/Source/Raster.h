@@ -17,6 +17,12 @@ namespace TellarImaging::impl {
 // Decoded images larger than this are refused: a corrupt header must not ask for the moon.
 inline constexpr uint64_t MaxRasterBytes = uint64_t(1) << 32;
 
+// The most pixels a decoder takes (16384 x 16384; a map tile has 65536). A header that asks for
+// more is refused by CheckDecodedSize, with "Image too large: {width} x {height} pixels", before
+// anything is allocated for its pixels: a few bytes of a compressed file can claim gigabytes.
+inline constexpr uint64_t MaxDecodedPixels = uint64_t(1) << 28;
+void CheckDecodedSize(uint64_t width, uint64_t height);
+
 // Zero-filled pixel bytes. A large block is mapped straight from the kernel, asked for in huge
 // pages where the kernel offers them: it comes zero without a pass over it, so a picture that is
 // written over anyway (decoding, pasting) costs no extra fill, and a mosaic of hundreds of

@@ -184,6 +184,7 @@ Core::Ptr<ITiffImage2> DecodeTiff(const uint8_t* data, size_t size) {
     uint16_t photometric = PHOTOMETRIC_MINISBLACK, compression = COMPRESSION_NONE;
     if (!TIFFGetField(tif.get(), TIFFTAG_IMAGEWIDTH, &width) || !TIFFGetField(tif.get(), TIFFTAG_IMAGELENGTH, &height))
         Fail(state, "missing image size");
+    CheckDecodedSize(width, height);
     TIFFGetFieldDefaulted(tif.get(), TIFFTAG_SAMPLESPERPIXEL, &samples);
     TIFFGetFieldDefaulted(tif.get(), TIFFTAG_BITSPERSAMPLE, &bits);
     TIFFGetFieldDefaulted(tif.get(), TIFFTAG_SAMPLEFORMAT, &format);

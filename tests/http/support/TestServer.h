@@ -25,6 +25,17 @@ namespace TestSupport {
 // Deterministic body bytes: byte i of a large body.
 inline char PatternByte(uint64_t i) { return static_cast<char>('a' + (i * 7 + i / 251) % 26); }
 
+// The pattern repeats every 26 * 251 bytes.
+inline constexpr uint64_t PatternPeriod = 26 * 251;
+
+// The first `span` + PatternPeriod pattern bytes: bytes at..at + span of the pattern start at
+// data() + at % PatternPeriod, so that large bodies are made and checked by whole blocks.
+inline std::string PatternRun(size_t span) {
+    std::string run(span + PatternPeriod, '\0');
+    for (size_t i = 0; i < run.size(); ++i) run[i] = PatternByte(i);
+    return run;
+}
+
 // Whether `data` holds exactly the first `size` pattern bytes.
 inline bool IsPattern(const char* data, uint64_t actual, uint64_t size) {
     if (actual != size) return false;

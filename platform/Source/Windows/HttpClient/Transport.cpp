@@ -34,6 +34,9 @@ std::atomic<size_t> g_liveHandles{0};
 constexpr size_t kBufferHigh = 1024 * 1024;
 constexpr size_t kBufferLow = kBufferHigh / 2;
 constexpr int kMaxRedirects = 10;
+// The most bytes of one response's header block, status line and blank line included, as
+// WinHTTP's default: a server that never ends its headers is cut off here.
+constexpr size_t kMaxHeaderBlock = 64 * 1024;
 constexpr long kMaxHostConnections = 64;
 // Transfers in the multi handle at once; the others wait their turn in arrival order, which
 // keeps each pass of curl over its transfers short with thousands of requests in flight.
@@ -254,6 +257,8 @@ struct RequestState final : HandleBase {
 
     // The header block being received.
     std::string block;
+    size_t blockBytes = 0;       // as received, line ends included
+    bool headerOverflow = false; // the block passed kMaxHeaderBlock and the transfer was ended
     long blockStatus = 0;
     std::string location;
     bool decoding = false;
@@ -437,7 +442,9 @@ private:
     void EndAllAtExit();
     void Deliver();
     void ProcessDone();
-    void CheckTimeouts();
+    // Ends the requests that had moved no byte for their timeout when the last pass of curl
+    // began (`performed`).
+    void CheckTimeouts(Clock::time_point performed);
     void Finish(RequestState& request, uint32_t error);
     void Detach(RequestState& request);
     void DeliverError(RequestState& request, uint32_t api);
@@ -509,10 +516,11 @@ void Engine::Loop() {
 
         StartWaiting();
         int running = 0;
+        const Clock::time_point performed = Clock::now();
         curl_multi_perform(multi_, &running);
         ProcessDone();
         Deliver();
-        CheckTimeouts();
+        CheckTimeouts(performed);
         Deliver();
         StartWaiting();
 
@@ -625,6 +633,10 @@ void Engine::ProcessDone() {
             continue;
         }
         uint32_t error = MapCurlError(code);
+        // curl refuses a single header line of more than 100 KB itself, and says it ran out of
+        // memory: that line alone is past the block's limit, which the callback never saw.
+        if (request->headerOverflow || (code == CURLE_OUT_OF_MEMORY && !request->headersReady.load()))
+            error = ErrorHeaderSizeOverflow;
         if (error == 0 && !request->headersReady.load()) error = ErrorInvalidServerResponse;
         // A coded body that is damaged, or whose stream stopped before its end, is no response.
         if (request->decodeFailed || (error == 0 && request->inflater && !request->inflater->Complete()))
@@ -662,16 +674,19 @@ void Engine::SetPipeWait(RequestState& request) {
     curl_easy_setopt(request.easy, CURLOPT_PIPEWAIT, multiplexed ? 1L : 0L);
 }
 
-void Engine::CheckTimeouts() {
+void Engine::CheckTimeouts(Clock::time_point performed) {
     const Clock::time_point now = Clock::now();
     if (now - lastTimeoutCheck_ < std::chrono::milliseconds(50)) return;
     lastTimeoutCheck_ = now;
+    // The pass of curl read every byte that had arrived before it began, so a request idle at
+    // its start has waited on the network. Time since then may have gone on this thread alone
+    // (delivering events, or not scheduled at all under load) while an answer waits unread.
     std::vector<std::shared_ptr<RequestState>> expired;
     for (auto& [easy, request] : active_) {
         if (!request->timerArmed || request->recvPaused || request->uploadPaused) continue;
         const int32_t limit = request->UploadPhase() ? request->timeouts.send : request->timeouts.receive;
         if (limit <= 0) continue;
-        if (now - request->lastActivity > std::chrono::milliseconds(limit)) expired.push_back(request);
+        if (performed - request->lastActivity > std::chrono::milliseconds(limit)) expired.push_back(request);
     }
     for (auto& request : expired) Finish(*request, ErrorTimeout);
 }
@@ -688,6 +703,13 @@ size_t Engine::HeaderCallback(char* data, size_t size, size_t count, void* user)
         request.redirecting = false;
         const size_t blank = line.find(' ');
         request.blockStatus = blank == std::string_view::npos ? 0 : std::strtol(line.data() + blank + 1, nullptr, 10);
+        request.blockBytes = 0;
+    }
+    request.blockBytes += length;
+    if (request.blockBytes > kMaxHeaderBlock) {
+        // Taking less than the whole line makes curl end the transfer.
+        request.headerOverflow = true;
+        return 0;
     }
     const std::string_view content = Trim(line);
     if (content.empty()) {

@@ -62,6 +62,7 @@ inline constexpr uint32_t ErrorHeaderNotFound = 12150;
 inline constexpr uint32_t ErrorInvalidServerResponse = 12152;
 inline constexpr uint32_t ErrorRedirectFailed = 12156;
 inline constexpr uint32_t ErrorSecureFailure = 12175;
+inline constexpr uint32_t ErrorHeaderSizeOverflow = 12182;
 
 // The API whose asynchronous work failed, in the result of a request error.
 inline constexpr uint32_t ApiReceiveResponse = 1;
