@@ -117,3 +117,40 @@ TEST(Waits, ThreadNamesAreCutToFifteenBytesOnACharacterBoundary) {
     EXPECT_STREQ(seen[1], "Kartenkacheldie");
     context->SetName("after the end"); // must not touch a thread that is gone
 }
+
+TEST(Waits, WakeUpsHeldInABatchComeWhenItEndsOrItsThreadWaits) {
+    std::shared_ptr<ThreadContext> sleeper;
+    AlertableEvent ready, leave;
+    std::thread t([&] {
+        sleeper = ThreadContext::Current();
+        ready.Set();
+        // No timeout: only a wake-up lets the queued functions run.
+        Helpers::WaitForSingleObject(leave, Helpers::Infinite, true, false);
+    });
+    ASSERT_TRUE(Helpers::WaitForSingleObject(ready, Patience, true, false));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20)); // let it fall asleep
+
+    // Held until the batch ends: this thread does not wait meanwhile, it polls.
+    std::atomic<int> ran{0};
+    {
+        Platform::Threading::impl::WakeBatch wakes;
+        for (int i = 0; i < 3; ++i) ASSERT_TRUE(QueueTo(*sleeper, [&] { ++ran; }));
+        Platform::Threading::impl::WakeBatch nested;
+    }
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(Patience);
+    while (ran < 3 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_EQ(ran, 3);
+
+    // A thread that waits inside a batch gives what it held first, or it would wait for ever on
+    // an answer that is never woken; an event set inside a batch is held the same way.
+    AlertableEvent answered;
+    {
+        Platform::Threading::impl::WakeBatch wakes;
+        ASSERT_TRUE(QueueTo(*sleeper, [&] { answered.Set(); }));
+        EXPECT_TRUE(Helpers::WaitForSingleObject(answered, Patience, false, false));
+        EXPECT_TRUE(answered.IsSet());
+        leave.Set();
+    }
+    t.join();
+}

@@ -1,7 +1,6 @@
 #include "Platform/Network/Http/Headers.h"
 
 #include "HeadersImpl.h"
-#include "Platform/Network/Url.h"
 
 namespace Platform::Windows::Network::Http {
 
@@ -64,12 +63,17 @@ bool CreateHttpHeaders(Interfaces::IHttpHeaders** ppHeaders) {
 
 HeaderTable ParseResponseHeaders(std::string_view text) {
     static constexpr std::string_view whitespace = "\t\n\v\f\r ";
+    static constexpr std::string_view newline = "\r\n";
     HeaderTable table;
-    std::vector<std::string_view> lines = Platform::Network::impl::SplitNonEmpty(text, "\r\n");
-    if (lines.empty() || (lines.size() == 1 && lines[0].empty())) return table;
-    table["Response"] = std::string(lines[0]);
-    for (size_t i = 1; i < lines.size(); ++i) {
-        const std::string_view line = lines[i];
+    // The first non-empty line is the status line, the others are "name: value"; text with no
+    // non-empty line between its line ends is a status line all of it.
+    bool statusLine = true;
+    const auto take = [&](std::string_view line) {
+        if (statusLine) {
+            table["Response"] = std::string(line);
+            statusLine = false;
+            return;
+        }
         const size_t colon = line.find(':');
         std::string_view name = line, value;
         if (colon != std::string_view::npos) {
@@ -83,7 +87,16 @@ HeaderTable ParseResponseHeaders(std::string_view text) {
             value = value.substr(first, value.find_last_not_of(whitespace) - first + 1);
         }
         table[std::string(name)] = std::string(value);
+    };
+    size_t start = 0;
+    while (start <= text.size()) {
+        const size_t found = text.find(newline, start);
+        const size_t end = found == std::string_view::npos ? text.size() : found;
+        if (end > start) take(text.substr(start, end - start));
+        if (found == std::string_view::npos) break;
+        start = found + newline.size();
     }
+    if (statusLine && !text.empty()) take(text);
     return table;
 }
 

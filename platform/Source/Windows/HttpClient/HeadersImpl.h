@@ -27,7 +27,10 @@ class AcceptTypesImpl final : public Core::ObjectImplBase<Interfaces::IAcceptTyp
 public:
     int64_t GetCount() override { return static_cast<int64_t>(types_.size()); }
     void Clear() override { types_.clear(); }
-    void Add(const char* type) override { types_.emplace_back(type ? type : ""); }
+    void Add(const char* type) override {
+        if (types_.empty()) types_.reserve(4); // a request names a few types at most
+        types_.emplace_back(type ? type : "");
+    }
 
     const std::vector<std::string>& Types() const { return types_; }
 

@@ -117,6 +117,7 @@ Transport::Handle HttpClientImpl::OpenRequestHandle(const char* path, IAcceptTyp
     Core::ThrowIfNull(types);
     const std::string requestPath = path ? path : "";
     std::vector<const char*> acceptArray;
+    acceptArray.reserve(types->Types().size() + 1);
     for (const std::string& type : types->Types()) acceptArray.push_back(type.c_str());
     acceptArray.push_back(nullptr);
 

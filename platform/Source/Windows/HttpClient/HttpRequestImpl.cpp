@@ -277,7 +277,7 @@ void HttpRequestImpl::OnHeadersAvailable() {
     if (handle == Transport::InvalidHandle()) return;
     std::string text;
     if (!ReadRawResponseHeaders(handle, function, kFile, text)) return;
-    const HeaderTable table = Platform::Network::Http::ParseResponseHeaders(text);
+    HeaderTable table = Platform::Network::Http::ParseResponseHeaders(text);
 
     const uint32_t state = state_.load();
     if (state != StateResponse && state != StateStream) {
@@ -286,7 +286,7 @@ void HttpRequestImpl::OnHeadersAvailable() {
     }
     if (state == StateResponse) {
         auto memory = Core::MakeObject<impl::MemoryStreamImpl>();
-        auto stream = Core::MakeObject<HttpResponseStreamImpl>(memory, table, nullptr);
+        auto stream = Core::MakeObject<HttpResponseStreamImpl>(memory, std::move(table), nullptr);
         Core::Ptr<IHttpResponse> response = Core::MakeObject<HttpResponseImpl>(stream);
         {
             ObjectLock lock(*this);
@@ -302,7 +302,7 @@ void HttpRequestImpl::OnHeadersAvailable() {
         ObjectLock lock(*this);
         auto async = Core::MakeObject<impl::AsyncStreamImpl>(handle, contentLength, this);
         asyncStream_.store(async.Raw());
-        responseStream = Core::MakeObject<HttpResponseStreamImpl>(async, table, this);
+        responseStream = Core::MakeObject<HttpResponseStreamImpl>(async, std::move(table), this);
     }
     HeadersCallback callback;
     {

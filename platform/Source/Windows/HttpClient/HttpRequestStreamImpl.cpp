@@ -208,7 +208,7 @@ void HttpRequestStreamImpl::OnHeadersAvailable() {
     if (handle == Transport::InvalidHandle()) return;
     std::string text;
     if (!ReadRawResponseHeaders(handle, function, kFile, text)) return;
-    const HeaderTable table = Platform::Network::Http::ParseResponseHeaders(text);
+    HeaderTable table = Platform::Network::Http::ParseResponseHeaders(text);
     auto found = table.find("Content-Length");
     const uint64_t contentLength = found == table.end() ? 0 : ParseContentLength(found->second);
 
@@ -219,7 +219,7 @@ void HttpRequestStreamImpl::OnHeadersAvailable() {
     if (responseMode_ == ModeStreamed) {
         auto async = Core::MakeObject<impl::AsyncStreamImpl>(handle, contentLength, this);
         asyncStream_.store(async.Raw());
-        responseStream = Core::MakeObject<HttpResponseStreamImpl>(async, table, this);
+        responseStream = Core::MakeObject<HttpResponseStreamImpl>(async, std::move(table), this);
         if (!task_.Raw()) return;
         if (closed_.load() && !Transport::IsValidHandle(handle_.load())) {
             task_->SetState(AsyncTaskCancelled);
@@ -234,7 +234,7 @@ void HttpRequestStreamImpl::OnHeadersAvailable() {
         return;
     }
     auto memory = Core::MakeObject<impl::MemoryStreamImpl>();
-    auto stream = Core::MakeObject<HttpResponseStreamImpl>(memory, table, nullptr);
+    auto stream = Core::MakeObject<HttpResponseStreamImpl>(memory, std::move(table), nullptr);
     response_ = Core::MakeObject<HttpResponseImpl>(stream);
     ReadData();
 }

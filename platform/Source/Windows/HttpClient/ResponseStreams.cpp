@@ -167,10 +167,9 @@ void AsyncStreamImpl::OnReadCompleted(void* buffer, uint32_t bytes) {
 
 } // namespace impl
 
-HttpResponseStreamImpl::HttpResponseStreamImpl(Core::Ptr<Core::IObject> source, const HeaderTable& headers,
+HttpResponseStreamImpl::HttpResponseStreamImpl(Core::Ptr<Core::IObject> source, HeaderTable headers,
                                                Core::IObject* request)
-    : source_(std::move(source)), request_(request) {
-    for (const auto& [name, value] : headers) headers_[name] = value;
+    : source_(std::move(source)), request_(request), headers_(std::move(headers)) {
     statusCode_ = ParseStatusCode(headers_["Response"]);
 }
 

@@ -82,7 +82,7 @@ private:
 // Status and headers beside the body source of one response.
 class HttpResponseStreamImpl final : public Core::ObjectImplBase<Interfaces::IHttpResponseStream> {
 public:
-    HttpResponseStreamImpl(Core::Ptr<Core::IObject> source, const HeaderTable& headers, Core::IObject* request);
+    HttpResponseStreamImpl(Core::Ptr<Core::IObject> source, HeaderTable headers, Core::IObject* request);
 
     int32_t GetStatusCode() override { return statusCode_; }
     bool _abi_GetHeaders(Data::Interfaces::IVariantDictionary** ppHeaders, Core::IErrorCode** ppError) override;

@@ -14,12 +14,15 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <unordered_map>
 #include <utility>
 #include <vector>
+
+#include "Threading/ThreadContext.h"
 
 namespace Platform::Windows::Network::Http::Transport {
 
@@ -392,11 +395,15 @@ public:
             work();
             return;
         }
+        bool first;
         {
             std::lock_guard lock(queueMutex_);
+            first = queue_.empty();
             queue_.push_back(std::move(work));
         }
-        curl_multi_wakeup(multi_);
+        // Whoever queued into an empty queue has woken the loop, or is about to, and the loop
+        // takes the whole queue at once: one wake-up per batch is enough.
+        if (first) curl_multi_wakeup(multi_);
     }
 
     void Start(RequestState& request);
@@ -500,6 +507,9 @@ void Engine::Loop() {
     }
     std::vector<std::function<void()>> work;
     for (;;) {
+        // A pass hands the results of many requests to the threads that wait for them: each of
+        // those is woken once, when the pass is done.
+        std::optional<Platform::Threading::impl::WakeBatch> wakes(std::in_place);
         bool stopping = false;
         {
             std::lock_guard lock(queueMutex_);
@@ -527,6 +537,7 @@ void Engine::Loop() {
         int timeout = active_.empty() ? 10000 : 100;
         if (needsPerform_) timeout = 0;
         needsPerform_ = false;
+        wakes.reset();
         curl_multi_poll(multi_, nullptr, 0, timeout, nullptr);
     }
 }
@@ -1239,7 +1250,10 @@ Handle OpenRequest(Handle connection, const char* verb, const char* path, const 
     request->session = state->session;
     request->verb = verb && *verb ? verb : "GET";
     request->path = path ? path : "";
-    for (const char* const* type = acceptTypes; type && *type; ++type) request->accept.emplace_back(*type);
+    size_t types = 0;
+    while (acceptTypes && acceptTypes[types]) ++types;
+    request->accept.reserve(types);
+    for (size_t i = 0; i < types; ++i) request->accept.emplace_back(acceptTypes[i]);
     request->flags = flags;
     {
         std::lock_guard lock(state->session->mutex);

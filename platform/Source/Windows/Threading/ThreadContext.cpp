@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <vector>
 
 #include "Platform/Threading/ThreadHelpers.h"
 
@@ -31,6 +32,25 @@ ContextHolder::~ContextHolder() {
     t_context = nullptr;
     t_contextGone = true;
     if (context) context->End();
+}
+
+// Wake-ups held back by the WakeBatch scopes open on this thread.
+thread_local int t_batchDepth = 0;
+thread_local std::vector<std::shared_ptr<ThreadContext>> t_heldWakes;
+
+// True when the wake-up of `target` was held back for the calling thread's batch.
+bool HoldWake(ThreadContext& target) {
+    if (t_batchDepth == 0 || &target == t_context) return false;
+    std::shared_ptr<ThreadContext> shared = target.weak_from_this().lock();
+    if (!shared) return false; // a context of one wait alone, owned by nobody: wake it now
+    for (const auto& held : t_heldWakes)
+        if (held == shared) return true;
+    try {
+        t_heldWakes.push_back(std::move(shared));
+    } catch (...) {
+        return false; // no room to hold it: wake now
+    }
+    return true;
 }
 
 ThreadContext* CurrentContextOrNull() {
@@ -77,11 +97,12 @@ bool ThreadContext::Queue(const QueuedFunction& function) {
         m_Queue.push_back(function);
         sleeping = m_Sleeping;
     }
-    if (sleeping) m_Wake.notify_one();
+    if (sleeping && !HoldWake(*this)) m_Wake.notify_one();
     return true;
 }
 
 void ThreadContext::Wake() {
+    if (HoldWake(*this)) return;
     // Taking the lock orders the caller's change before the sleeper's next look at it.
     bool sleeping;
     {
@@ -112,6 +133,7 @@ bool ThreadContext::HasEnded() {
 }
 
 bool ThreadContext::WaitEnded(uint32_t timeout) {
+    WakeBatch::Flush();
     std::unique_lock lock(m_Mutex);
     if (timeout == Infinite) {
         m_Ended.wait(lock, [this] { return m_HasEnded; });
@@ -144,10 +166,14 @@ void ThreadContext::RunQueued(std::unique_lock<std::mutex>& lock) {
         }
         if (m_Batch.empty()) return;
         lock.unlock();
-        while (!m_Batch.empty()) {
-            const QueuedFunction function = m_Batch.front();
-            m_Batch.pop_front();
-            function.run(function.argument);
+        {
+            // The functions of a batch often each hand a result on to one other thread.
+            WakeBatch wakes;
+            while (!m_Batch.empty()) {
+                const QueuedFunction function = m_Batch.front();
+                m_Batch.pop_front();
+                function.run(function.argument);
+            }
         }
         lock.lock();
     }
@@ -156,6 +182,8 @@ void ThreadContext::RunQueued(std::unique_lock<std::mutex>& lock) {
 bool ThreadContext::HasQueued() const noexcept { return !m_Batch.empty() || !m_Queue.empty(); }
 
 uint32_t ThreadContext::Wait(AlertableEvent* event, uint32_t timeout, bool alertable) {
+    // Whatever this thread held back may be what it is about to wait for.
+    WakeBatch::Flush();
     std::unique_lock lock(m_Mutex);
     if (alertable && HasQueued()) {
         RunQueued(lock);
@@ -209,6 +237,21 @@ uint32_t ThreadContext::Wait(AlertableEvent* event, uint32_t timeout, bool alert
     }
     if (result == WaitIoCompletion) RunQueued(lock);
     return result;
+}
+
+WakeBatch::WakeBatch() noexcept { ++t_batchDepth; }
+
+WakeBatch::~WakeBatch() {
+    if (--t_batchDepth == 0) Flush();
+}
+
+void WakeBatch::Flush() noexcept {
+    if (t_heldWakes.empty()) return;
+    const int depth = t_batchDepth;
+    t_batchDepth = 0; // wake for real, whatever is open
+    for (const auto& context : t_heldWakes) context->Wake();
+    t_batchDepth = depth;
+    t_heldWakes.clear();
 }
 
 uint32_t ThreadContext::WaitOnCurrentThread(AlertableEvent* event, uint32_t timeout, bool alertable) {
