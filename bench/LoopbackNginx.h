@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -140,6 +141,7 @@ private:
 // How one run of curl went.
 struct CurlRun {
     double seconds = 0;
+    double cpuSeconds = 0; // user and system time of the curl process
     bool ok = false;
     int32_t status = 0; // as waitpid reports it
 };
@@ -163,8 +165,11 @@ inline CurlRun CurlParallel(const std::vector<std::string>& urls, const std::fil
                              "--no-progress-meter", "-K", config.string()});
     if (pid < 0) return run;
     int status = 0;
-    ::waitpid(pid, &status, 0);
+    rusage usage{};
+    ::wait4(pid, &status, 0, &usage);
     run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    run.cpuSeconds = static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+                     static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
     run.status = status;
     run.ok = WIFEXITED(status) && WEXITSTATUS(status) == 0;
     return run;

@@ -2,8 +2,13 @@
 // nginx: with the cache off (the network alone), with an empty cache (every tile from the network,
 // written to the cache), then again with the same fetcher (every tile from the cache, with no
 // request reaching nginx); and compares with curl's parallel mode on the same URLs, to memory and
-// writing the tiles as files. All rates are tiles per second of wall time.
-// Usage: tile_fetch_bench   (no arguments). Starts and stops its own nginx.
+// writing the tiles as files. All rates are tiles per second of wall time. The passes run in
+// rounds, ours and curl's in turn, so that both meet the same load; each figure is the median of
+// the rounds, and each ratio the median of the rounds' ratios.
+// Usage: tile_fetch_bench [ROUNDS]   (default 7). Starts and stops its own nginx.
+#include <sys/resource.h>
+
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -120,6 +125,21 @@ Pass FetchAll(TmsFetcherImpl& fetcher, const std::vector<std::string>& bodies, i
     return pass;
 }
 
+// CPU time (user and system) this process has used so far, in seconds.
+double ProcessCpuSeconds() {
+    rusage usage{};
+    ::getrusage(RUSAGE_SELF, &usage);
+    const auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + t.tv_usec / 1e6; };
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+double Median(std::vector<double> values) {
+    if (values.empty()) return 0;
+    std::sort(values.begin(), values.end());
+    const size_t middle = values.size() / 2;
+    return values.size() % 2 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
+}
+
 bool Report(const char* name, const Pass& pass, int32_t tiles = TileCount) {
     const bool good = !pass.stalled && pass.refused == 0 && pass.exact == tiles;
     if (!good)
@@ -148,15 +168,14 @@ std::pair<int32_t, int32_t> Logged(const Bench::LoopbackNginx& nginx, int32_t at
 
 } // namespace
 
-int main() {
+int main(int argc, char** argv) {
+    const int32_t rounds = argc > 1 ? std::max(1, std::atoi(argv[1])) : 7;
     const std::filesystem::path dir = Bench::MakeWorkDirectory("tile_fetch_bench");
     if (dir.empty()) {
         std::perror("mkdtemp");
         return 1;
     }
     const std::filesystem::path documents = dir / "www";
-    const std::filesystem::path cache = dir / "cache";
-    std::filesystem::create_directories(cache);
     const std::vector<std::string> bodies = WriteTiles(documents);
 
     Bench::LoopbackNginx nginx(dir,
@@ -169,6 +188,12 @@ int main() {
         return 1;
     }
     const std::string urlTemplate = nginx.Base() + "/{z}/{x}/{y}.png";
+    std::vector<std::string> urls;
+    urls.reserve(TileCount);
+    for (int32_t y = 0; y < Side; ++y)
+        for (int32_t x = 0; x < Side; ++x)
+            urls.push_back(nginx.Base() + "/" + std::to_string(Zoom) + "/" + std::to_string(x) + "/" +
+                           std::to_string(y) + ".png");
     bool good = true;
 
     // Starts the transport and the shared worker thread, which outlive any one fetcher, and opens
@@ -178,80 +203,94 @@ int main() {
         warmUp->SetCacheEnabled(false);
         good = Report("warm-up", FetchAll(*warmUp, bodies, 1), Side) && good;
     }
-    const int32_t before = Logged(nginx, Side).first;
+    int32_t logged = Logged(nginx, Side).first;
 
-    // The network alone: a fetcher with its cache off.
-    Pass network;
-    {
-        auto uncached = Core::MakeObject<TmsFetcherImpl>(urlTemplate, 0);
-        uncached->SetCacheEnabled(false);
-        network = FetchAll(*uncached, bodies);
-        good = Report("network", network) && good;
+    struct Figures {
+        std::vector<double> seconds, cpu;
+    };
+    Figures network, cold, warm, curl, curlFiles;
+    std::vector<double> memoryRatios, fileRatios;
+    const auto add = [](Figures& figures, double seconds, double cpu) {
+        figures.seconds.push_back(seconds);
+        figures.cpu.push_back(cpu);
+    };
+    for (int32_t round = 0; round < rounds && good; ++round) {
+        // The network alone: a fetcher with its cache off.
+        {
+            auto uncached = Core::MakeObject<TmsFetcherImpl>(urlTemplate, 0);
+            uncached->SetCacheEnabled(false);
+            const double cpu = ProcessCpuSeconds();
+            const Pass pass = FetchAll(*uncached, bodies);
+            add(network, pass.seconds, ProcessCpuSeconds() - cpu);
+            good = Report("network", pass) && good;
+        }
+        const Bench::CurlRun toMemory = Bench::CurlParallel(urls, dir / "urls.cfg");
+        add(curl, toMemory.seconds, toMemory.cpuSeconds);
+
+        // Every tile from the network into an empty cache, then every tile from that cache.
+        const std::filesystem::path cache = dir / ("cache" + std::to_string(round));
+        std::filesystem::create_directories(cache);
+        auto fetcher = Core::MakeObject<TmsFetcherImpl>(urlTemplate, 0);
+        fetcher->SetCacheEnabled(true);
+        fetcher->SetCacheRoot(cache.string());
+        double cpu = ProcessCpuSeconds();
+        const Pass coldPass = FetchAll(*fetcher, bodies);
+        add(cold, coldPass.seconds, ProcessCpuSeconds() - cpu);
+        good = Report("cold", coldPass) && good;
+        const std::filesystem::path files = dir / ("curl" + std::to_string(round));
+        const Bench::CurlRun toFiles = Bench::CurlParallel(urls, dir / "files.cfg", 64, files);
+        add(curlFiles, toFiles.seconds, toFiles.cpuSeconds);
+
+        const auto afterCold = Logged(nginx, logged + 4 * TileCount);
+        const int32_t cached = CachedFiles(cache);
+        if (afterCold.first - logged != 4 * TileCount || cached != TileCount) {
+            std::fprintf(stderr, "round %d: nginx logged %d requests, the cache holds %d files; %d and %d expected\n",
+                         round, afterCold.first - logged, cached, 4 * TileCount, TileCount);
+            good = false;
+        }
+        if (!toMemory.ok || !toFiles.ok) {
+            std::fprintf(stderr, "curl: exit statuses %d and %d\n", toMemory.status, toFiles.status);
+            good = false;
+        }
+        cpu = ProcessCpuSeconds();
+        const Pass warmPass = FetchAll(*fetcher, bodies);
+        add(warm, warmPass.seconds, ProcessCpuSeconds() - cpu);
+        good = Report("warm", warmPass) && good;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        logged = nginx.LoggedRequests().first;
+        if (logged != afterCold.first) {
+            std::fprintf(stderr, "warm: nginx served %d requests, none expected\n", logged - afterCold.first);
+            good = false;
+        }
+        fetcher.Reset();
+        std::filesystem::remove_all(cache);
+        std::filesystem::remove_all(files);
+        memoryRatios.push_back(toMemory.seconds / network.seconds.back());
+        fileRatios.push_back(toFiles.seconds / cold.seconds.back());
     }
-    const int32_t afterNetwork = Logged(nginx, before + TileCount).first;
 
-    auto fetcher = Core::MakeObject<TmsFetcherImpl>(urlTemplate, 0);
-    fetcher->SetCacheEnabled(true);
-    fetcher->SetCacheRoot(cache.string());
-
-    const Pass cold = FetchAll(*fetcher, bodies);
-    good = Report("cold", cold) && good;
-    const auto afterCold = Logged(nginx, afterNetwork + TileCount);
-    const int32_t cached = CachedFiles(cache);
-    if (afterCold.first - afterNetwork != TileCount || cached != TileCount) {
-        std::fprintf(stderr, "cold: nginx logged %d requests, the cache holds %d files; %d expected\n",
-                     afterCold.first - afterNetwork, cached, TileCount);
-        good = false;
-    }
-
-    const Pass warm = FetchAll(*fetcher, bodies);
-    good = Report("warm", warm) && good;
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    const int32_t duringWarm = nginx.LoggedRequests().first - afterCold.first;
-    if (duringWarm != 0) {
-        std::fprintf(stderr, "warm: nginx served %d requests, none expected\n", duringWarm);
-        good = false;
-    }
-    fetcher.Reset();
-
-    std::vector<std::string> urls;
-    urls.reserve(TileCount);
-    for (int32_t y = 0; y < Side; ++y)
-        for (int32_t x = 0; x < Side; ++x)
-            urls.push_back(nginx.Base() + "/" + std::to_string(Zoom) + "/" + std::to_string(x) + "/" +
-                           std::to_string(y) + ".png");
-    const Bench::CurlRun curl = Bench::CurlParallel(urls, dir / "urls.cfg");
-    const Bench::CurlRun curlFiles = Bench::CurlParallel(urls, dir / "files.cfg", 64, dir / "curl");
-    const auto afterCurl = Logged(nginx, afterCold.first + 2 * TileCount);
-    if (!curl.ok || !curlFiles.ok || afterCurl.first - afterCold.first != 2 * TileCount ||
-        afterCurl.second - afterCold.second != 2 * TileCount) {
-        std::fprintf(stderr, "curl: exit statuses %d and %d, nginx logged %d requests, %d of them 200; %d expected\n",
-                     curl.status, curlFiles.status, afterCurl.first - afterCold.first,
-                     afterCurl.second - afterCold.second, 2 * TileCount);
-        good = false;
-    }
-
-    const auto rate = [](double seconds) { return seconds > 0 ? TileCount / seconds : 0.0; };
-    std::printf("tiles: %d (zoom %d, %d x %d), %.1f MiB\n", TileCount, Zoom, Side, Side, [&] {
-        double bytes = 0;
-        for (const std::string& body : bodies) bytes += static_cast<double>(body.size());
-        return bytes / (1024.0 * 1024.0);
-    }());
-    std::printf("FetchTileDataAsync, cache off:               %8.0f tiles/s  (%.3f s)\n", rate(network.seconds),
-                network.seconds);
-    std::printf("FetchTileDataAsync, network to cache:        %8.0f tiles/s  (%.3f s)\n", rate(cold.seconds),
-                cold.seconds);
-    std::printf("FetchTileDataAsync, from the cache:          %8.0f tiles/s  (%.3f s)\n", rate(warm.seconds),
-                warm.seconds);
-    std::printf("curl --parallel --parallel-max 64 to memory: %8.0f tiles/s  (%.3f s)\n", rate(curl.seconds),
-                curl.seconds);
-    std::printf("curl --parallel --parallel-max 64 to files:  %8.0f tiles/s  (%.3f s)\n", rate(curlFiles.seconds),
-                curlFiles.seconds);
+    std::printf("tiles: %d (zoom %d, %d x %d), %.1f MiB; medians of %zu rounds\n", TileCount, Zoom, Side, Side,
+                [&] {
+                    double bytes = 0;
+                    for (const std::string& body : bodies) bytes += static_cast<double>(body.size());
+                    return bytes / (1024.0 * 1024.0);
+                }(),
+                network.seconds.size());
+    const auto line = [](const char* name, const Figures& figures) {
+        const double seconds = Median(figures.seconds);
+        std::printf("%-44s %8.0f tiles/s  (%.3f s, %.3f s CPU)\n", name, seconds > 0 ? TileCount / seconds : 0.0,
+                    seconds, Median(figures.cpu));
+    };
+    line("FetchTileDataAsync, cache off:", network);
+    line("FetchTileDataAsync, network to cache:", cold);
+    line("FetchTileDataAsync, from the cache:", warm);
+    line("curl --parallel --parallel-max 64 to memory:", curl);
+    line("curl --parallel --parallel-max 64 to files:", curlFiles);
     std::printf("ratios: cache off %.2fx curl to memory (goal at least 0.9), to cache %.2fx curl to files "
                 "(goal at least 1)\n",
-                curl.seconds / network.seconds, curlFiles.seconds / cold.seconds);
+                Median(memoryRatios), Median(fileRatios));
     std::printf("checks: %s\n",
-                good ? "all tiles arrived intact, the warm pass asked nginx nothing" : "FAILED, see above");
+                good ? "all tiles arrived intact, the warm passes asked nginx nothing" : "FAILED, see above");
 
     nginx.Stop();
     std::filesystem::remove_all(dir);
