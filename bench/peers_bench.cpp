@@ -1,17 +1,21 @@
 // The tool beside its peers on one loopback nginx serving a zoom 0-6 pyramid of 256-pixel RGBA PNG
 // relief tiles:
 //   mosaic  the whole zoom-5 level (1,024 tiles) as one 8192 x 8192 GeoTIFF: `tellar-maps mosaic`
-//           against `gdal_translate` of GDAL's TMS reader, wall time and peak resident memory of
-//           each process, and every pixel and the grid of both files compared;
+//           against `gdal_translate` of GDAL's TMS reader, both stored uncompressed (GDAL's
+//           default) and both deflated alike; wall time and peak resident memory of each process,
+//           and every pixel and the grid of both files compared;
 //   seed    zoom 0 to 6 (5,461 tiles) into an empty cache: `tellar-maps seed` against
 //           `curl --parallel --parallel-max 64` writing the same tiles as files.
-// Usage: peers_bench [mosaic] [seed]   (default: both). Needs nginx, curl and gdal_translate.
+// Each runs ROUNDS times (default 3), ours and the peer's in turn; times are medians.
+// Usage: peers_bench [mosaic] [seed] [--rounds N]   (default: both). Needs nginx, curl and
+// gdal_translate.
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -163,58 +167,102 @@ int64_t FilesUnder(const fs::path& root) {
     return files;
 }
 
-void Print(const char* what, const Run& run) {
-    std::printf("  %-52s %7.3f s  %7.1f MiB peak\n", what, run.seconds, run.peakMiB);
+double Median(std::vector<double> values) {
+    if (values.empty()) return 0;
+    std::sort(values.begin(), values.end());
+    const size_t middle = values.size() / 2;
+    return values.size() % 2 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
 }
 
-bool MosaicBeside(const fs::path& dir, const std::string& base, const std::string& tool) {
+// Runs of one program: the median time, the highest peak, whether every run went well.
+struct Runs {
+    std::vector<double> seconds;
+    double peakMiB = 0;
+    bool ok = true;
+    void Add(const Run& run) {
+        seconds.push_back(run.seconds);
+        peakMiB = std::max(peakMiB, run.peakMiB);
+        ok = ok && run.ok;
+    }
+    double Seconds() const { return Median(seconds); }
+};
+
+void Print(const char* what, const Runs& runs) {
+    std::printf("  %-52s %7.3f s  %7.1f MiB peak\n", what, runs.Seconds(), runs.peakMiB);
+}
+
+// Whether our file and GDAL's hold the same grid and pixels, compared in a child, so that this
+// process stays small: a child started later inherits the peak of the memory it shares until its
+// exec.
+bool SameInChild(const fs::path& ours, const fs::path& theirs) {
+    const pid_t child = ::fork();
+    if (child == 0) ::_exit(SameMosaic(ours, theirs) ? 0 : 1);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+// The whole level as one GeoTIFF, `rounds` times each way in turn: ours and GDAL's stored as GDAL
+// stores by default (uncompressed), and both deflated at the fastest level after horizontal
+// differencing (ours by default; GDAL on all cores).
+bool MosaicBeside(const fs::path& dir, const std::string& base, const std::string& tool, int32_t rounds) {
     std::ofstream(dir / "tms.xml") << GdalTms(base);
-    const Run ours = Measure({tool, "mosaic", "--tms", base + "/{z}/{x}/{y}.png", "--epsg", "3857", "--zoom",
-                              std::to_string(MosaicZoom), "--bbox", WorldBox, "--quiet", "-o",
-                              (dir / "ours.tif").string()},
-                             dir / "ours.log");
+    const auto ours = [&](const char* compress, const fs::path& out) {
+        return Measure({tool, "mosaic", "--tms", base + "/{z}/{x}/{y}.png", "--epsg", "3857", "--zoom",
+                        std::to_string(MosaicZoom), "--bbox", WorldBox, "--quiet", "--compress", compress, "-o",
+                        out.string()},
+                       dir / "ours.log");
+    };
     // The tool cuts the box a hair inside the grid, so its mosaic lacks the last column and row.
     const std::string side = std::to_string((256 << MosaicZoom) - 1);
-    const Run gdal = Measure({"gdal_translate", "-q", "-srcwin", "0", "0", side, side, (dir / "tms.xml").string(),
-                              (dir / "gdal.tif").string()},
-                             dir / "gdal.log");
-    // GDAL writing what we write: deflate at the fastest level after horizontal differencing, on
-    // all cores.
-    const Run gdalPacked = Measure({"gdal_translate", "-q", "-srcwin", "0", "0", side, side, "-co", "COMPRESS=DEFLATE",
-                                    "-co", "ZLEVEL=1", "-co", "PREDICTOR=2", "-co", "NUM_THREADS=ALL_CPUS",
-                                    (dir / "tms.xml").string(), (dir / "packed.tif").string()},
-                                   dir / "packed.log");
-    fs::remove(dir / "packed.tif");
-    // Compared in a child, so that this process stays small: a child started later inherits the
-    // peak of the memory it shares until its exec.
-    bool same = false;
-    if (ours.ok && gdal.ok) {
-        const pid_t child = ::fork();
-        if (child == 0) ::_exit(SameMosaic(dir / "ours.tif", dir / "gdal.tif") ? 0 : 1);
-        int status = 0;
-        ::waitpid(child, &status, 0);
-        same = WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    const auto gdal = [&](std::vector<std::string> options, const fs::path& out) {
+        std::vector<std::string> args = {"gdal_translate", "-q", "-srcwin", "0", "0", side, side};
+        args.insert(args.end(), options.begin(), options.end());
+        args.push_back((dir / "tms.xml").string());
+        args.push_back(out.string());
+        return Measure(args, dir / "gdal.log");
+    };
+    Runs oursPlain, gdalPlain, oursPacked, gdalPacked;
+    std::vector<double> plainRatios, packedRatios;
+    bool same = true;
+    for (int32_t round = 0; round < rounds; ++round) {
+        const Run a = ours("none", dir / "ours.tif"), b = gdal({}, dir / "gdal.tif");
+        oursPlain.Add(a);
+        gdalPlain.Add(b);
+        if (a.ok && b.ok) plainRatios.push_back(b.seconds / a.seconds);
+        if (round == 0) same = a.ok && b.ok && SameInChild(dir / "ours.tif", dir / "gdal.tif");
+        fs::remove(dir / "ours.tif");
+        const Run c = ours("deflate", dir / "ours.tif");
+        const Run d = gdal({"-co", "COMPRESS=DEFLATE", "-co", "ZLEVEL=1", "-co", "PREDICTOR=2", "-co",
+                            "NUM_THREADS=ALL_CPUS"},
+                           dir / "packed.tif");
+        oursPacked.Add(c);
+        gdalPacked.Add(d);
+        if (c.ok && d.ok) packedRatios.push_back(d.seconds / c.seconds);
+        if (round == 0) same = same && c.ok && SameInChild(dir / "ours.tif", dir / "gdal.tif");
+        fs::remove(dir / "ours.tif");
+        fs::remove(dir / "gdal.tif");
+        fs::remove(dir / "packed.tif");
     }
     const double raster = 256.0 * (1 << MosaicZoom) * 256.0 * (1 << MosaicZoom) * 4 / (1024.0 * 1024.0);
-    std::printf("mosaic of zoom %d (%d tiles, %.0f MiB raster):\n", MosaicZoom, 1 << (2 * MosaicZoom), raster);
-    Print("tellar-maps mosaic", ours);
-    Print("gdal_translate, GDAL's TMS reader", gdal);
-    Print("the same, written as we write (deflate 1, pred. 2)", gdalPacked);
-    std::printf("  speed: %.2fx GDAL's default (uncompressed) (goal at least 2), %.2fx GDAL writing as we do\n",
-                ours.seconds > 0 ? gdal.seconds / ours.seconds : 0.0,
-                ours.seconds > 0 ? gdalPacked.seconds / ours.seconds : 0.0);
-    std::printf("  peak memory: %.2fx the raster (goal at most %.0f MiB: 1.3x the raster + 64 MiB)\n",
-                ours.peakMiB / raster, 1.3 * raster + 64);
-    std::printf("  output: %s\n", same ? "every pixel and the grid equal GDAL's" : "DIFFERS from GDAL's");
-    fs::remove(dir / "ours.tif");
-    fs::remove(dir / "gdal.tif");
-    return same;
+    std::printf("mosaic of zoom %d (%d tiles, %.0f MiB raster), medians of %d rounds:\n", MosaicZoom,
+                1 << (2 * MosaicZoom), raster, rounds);
+    Print("tellar-maps mosaic --compress none", oursPlain);
+    Print("gdal_translate, GDAL's TMS reader (uncompressed)", gdalPlain);
+    Print("tellar-maps mosaic (deflate 1, predictor 2)", oursPacked);
+    Print("gdal_translate, the same deflate, all cores", gdalPacked);
+    std::printf("  speed: uncompressed %.2fx GDAL (goal at least 2), deflated %.2fx GDAL\n", Median(plainRatios),
+                Median(packedRatios));
+    const double peak = std::max(oursPlain.peakMiB, oursPacked.peakMiB);
+    std::printf("  peak memory: %.2fx the raster, %.0f MiB (goal at most %.0f MiB: 1.3x the raster + 64 MiB)\n",
+                peak / raster, peak, 1.3 * raster + 64);
+    std::printf("  output: %s\n", same ? "both files of ours hold every pixel and the grid of GDAL's"
+                                         : "DIFFERS from GDAL's");
+    return same && oursPlain.ok && gdalPlain.ok && oursPacked.ok && gdalPacked.ok;
 }
 
-bool SeedBeside(const fs::path& dir, const std::string& base, const std::string& tool) {
-    const Run ours = Measure({tool, "seed", "--tms", base + "/{z}/{x}/{y}.png", "--epsg", "3857", "--bbox", WorldBox,
-                              "--max-zoom", std::to_string(MaxZoom), "--cache", (dir / "cache").string(), "--quiet"},
-                             dir / "seed.log");
+// Zoom 0 to MaxZoom into an empty cache, `rounds` times, ours and curl's in turn.
+bool SeedBeside(const fs::path& dir, const std::string& base, const std::string& tool, int32_t rounds) {
     {
         std::ofstream config(dir / "curl.cfg");
         for (int32_t z = 0; z <= MaxZoom; ++z)
@@ -225,30 +273,54 @@ bool SeedBeside(const fs::path& dir, const std::string& base, const std::string&
                            << (dir / "curl" / path).string() << ".png\"\n";
                 }
     }
-    const Run curl = Measure({"curl", "--parallel", "--parallel-max", "64", "-s", "-S", "--no-progress-meter",
-                              "--create-dirs", "-K", (dir / "curl.cfg").string()},
-                             dir / "curl.log");
     const int64_t expected = ((1LL << (2 * (MaxZoom + 1))) - 1) / 3;
-    const int64_t oursFiles = ours.ok ? FilesUnder(dir / "cache") : 0, curlFiles = curl.ok ? FilesUnder(dir / "curl") : 0;
-    std::printf("seed of zoom 0-%d (%lld tiles):\n", MaxZoom, static_cast<long long>(expected));
+    Runs ours, curl;
+    std::vector<double> ratios;
+    bool complete = true;
+    for (int32_t round = 0; round < rounds; ++round) {
+        const Run a = Measure({tool, "seed", "--tms", base + "/{z}/{x}/{y}.png", "--epsg", "3857", "--bbox", WorldBox,
+                               "--max-zoom", std::to_string(MaxZoom), "--cache", (dir / "cache").string(), "--quiet"},
+                              dir / "seed.log");
+        const Run b = Measure({"curl", "--parallel", "--parallel-max", "64", "-s", "-S", "--no-progress-meter",
+                               "--create-dirs", "-K", (dir / "curl.cfg").string()},
+                              dir / "curl.log");
+        ours.Add(a);
+        curl.Add(b);
+        if (a.ok && b.ok) ratios.push_back(b.seconds / a.seconds);
+        const int64_t oursFiles = a.ok ? FilesUnder(dir / "cache") : 0, curlFiles = b.ok ? FilesUnder(dir / "curl") : 0;
+        if (oursFiles != expected || curlFiles != expected) {
+            std::fprintf(stderr, "round %d: %lld and %lld files, %lld expected\n", round,
+                         static_cast<long long>(oursFiles), static_cast<long long>(curlFiles),
+                         static_cast<long long>(expected));
+            complete = false;
+        }
+        fs::remove_all(dir / "cache");
+        fs::remove_all(dir / "curl");
+    }
+    std::printf("seed of zoom 0-%d (%lld tiles), medians of %d rounds:\n", MaxZoom, static_cast<long long>(expected),
+                rounds);
     Print("tellar-maps seed", ours);
     Print("curl --parallel --parallel-max 64 to files", curl);
-    std::printf("  speed: %.2fx curl (goal at least 1)   files: %lld and %lld\n",
-                ours.seconds > 0 ? curl.seconds / ours.seconds : 0.0, static_cast<long long>(oursFiles),
-                static_cast<long long>(curlFiles));
-    fs::remove_all(dir / "cache");
-    fs::remove_all(dir / "curl");
-    return oursFiles == expected && curlFiles == expected;
+    std::printf("  speed: %.2fx curl (goal at least 1)   files: %s\n", Median(ratios),
+                complete ? "every tile, both" : "MISSING, see above");
+    return complete && ours.ok && curl.ok;
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    bool mosaic = argc == 1, seed = argc == 1;
+    bool mosaic = false, seed = false;
+    int32_t rounds = 3;
     for (int i = 1; i < argc; ++i) {
-        mosaic = mosaic || std::strcmp(argv[i], "mosaic") == 0;
-        seed = seed || std::strcmp(argv[i], "seed") == 0;
+        if (std::strcmp(argv[i], "mosaic") == 0) mosaic = true;
+        else if (std::strcmp(argv[i], "seed") == 0) seed = true;
+        else if (std::strcmp(argv[i], "--rounds") == 0 && i + 1 < argc) rounds = std::max(1, std::atoi(argv[++i]));
+        else {
+            std::fprintf(stderr, "usage: peers_bench [mosaic] [seed] [--rounds N]\n");
+            return 2;
+        }
     }
+    if (!mosaic && !seed) mosaic = seed = true;
     const fs::path bin = fs::canonical("/proc/self/exe").parent_path();
     const std::string tool = (bin / "tellar-maps").string();
     const fs::path dir = Bench::MakeWorkDirectory("peers_bench");
@@ -258,8 +330,8 @@ int main(int argc, char** argv) {
     Bench::LoopbackNginx nginx(dir, "    root " + pyramid.string() + ";\n    types { image/png png; }");
     bool good = nginx.Start();
     if (!good) std::fprintf(stderr, "nginx could not start\n");
-    if (good && mosaic) good = MosaicBeside(dir, nginx.Base(), tool) && good;
-    if (good && seed) good = SeedBeside(dir, nginx.Base(), tool) && good;
+    if (good && mosaic) good = MosaicBeside(dir, nginx.Base(), tool, rounds) && good;
+    if (good && seed) good = SeedBeside(dir, nginx.Base(), tool, rounds) && good;
     nginx.Stop();
     fs::remove_all(dir);
     return good ? 0 : 1;

@@ -52,6 +52,11 @@ TEST(CommandLine, AcceptsEachCommand) {
     EXPECT_TRUE(mosaic.bestEffort);
     EXPECT_EQ(*mosaic.targetEpsg, 4326u);
     EXPECT_EQ(*mosaic.logLevel, 1u);
+    EXPECT_FALSE(mosaic.compress.has_value());
+    EXPECT_EQ(ParseCommandLine(Words("map --wms http://u --epsg 4326 --bbox 0,0,1,1 --size 4x4 -o m.tif "
+                                     "--compress none"))
+                  .compress,
+              false);
 
     Options map =
         ParseCommandLine(Words("map --wms http://u --epsg 25832 --bbox 1,2,3,4 --size 640x480 --time 2020-01-01 -o a.tif"));
@@ -123,6 +128,10 @@ TEST(CommandLine, RefusesIncompleteOrContradictoryLines) {
         {"seed --wmts http://u --layer L --cache d --bbox 0,0,1,1 --max-zoom 3 --part 0/2",
          "--part needs a --tms service"},
         {"mosaic --tms http://u --epsg 4326 --zoom 1 --bbox 0,0,1,1 -o m.tif --part 0/2", "--part goes with seed"},
+        {"mosaic --tms http://u --epsg 4326 --zoom 1 --bbox 0,0,1,1 -o m.tif --compress lzw",
+         "--compress is deflate or none, not 'lzw'"},
+        {"tile --tms http://u --epsg 3857 --zoom 1 --x 0 --y 0 -o t --compress deflate",
+         "--compress goes with mosaic and map"},
     };
     for (const auto& c : cases) EXPECT_EQ(UsageErrorOf(c.line), c.reason) << c.line;
 }

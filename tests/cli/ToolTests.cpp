@@ -504,6 +504,25 @@ TEST_F(ToolTest, MosaicWritesAGeoTiffThatGdalPlaces) {
     EXPECT_DOUBLE_EQ(geo[3], transform[3]);
     EXPECT_DOUBLE_EQ(geo[5], transform[1]);
     EXPECT_EQ(Numbers(gdal, "size"), (std::vector<double>{Number(o.out, "width"), Number(o.out, "height")}));
+
+    // Stored instead of deflated: the same pixels and place, in a file GDAL reads as uncompressed.
+    const Outcome stored = Run("mosaic --tms " + server.Template("t") + " --epsg 4326 --cache " + dir.File("cache") +
+                               " --zoom 2 --bbox -10,-10,10,10 --compress none -o " + dir.File("s.tif"));
+    ASSERT_EQ(stored.exitCode, 0) << stored.err;
+    EXPECT_EQ(stored.out, o.out);
+    const auto describe = [&](const std::string& file) {
+        const std::string json = dir.File(file + ".json");
+        const std::string line = "timeout 60 gdalinfo -json -checksum -mdd IMAGE_STRUCTURE " + Quote(dir.File(file)) +
+                                 " >" + Quote(json) + " 2>/dev/null";
+        EXPECT_EQ(std::system(line.c_str()), 0) << line;
+        return ReadText(json);
+    };
+    const std::string deflated = describe("m.tif"), plain = describe("s.tif");
+    EXPECT_NE(deflated.find("\"COMPRESSION\":\"DEFLATE\""), std::string::npos) << deflated;
+    EXPECT_EQ(plain.find("COMPRESSION"), std::string::npos) << plain;
+    ASSERT_FALSE(Numbers(plain, "checksum").empty()) << plain;
+    EXPECT_EQ(Numbers(plain, "checksum"), Numbers(deflated, "checksum"));
+    EXPECT_EQ(Numbers(plain, "geoTransform"), geo);
 }
 
 TEST_F(ToolTest, DemoWritesBothPictures) {

@@ -239,8 +239,9 @@ TEST(GeoTiff, WriteAndReadBack) {
         {"rgba64 in many strips", PixelDataTypeRgba64, 4326, {0.01, -0.01, 5.0, 55.0, 0, 0}, 1001, 900},
         {"rgba in many strips", PixelDataTypeRgba32, 4326, {0.01, -0.01, 5.0, 55.0, 0, 0}, 3001, 700},
     };
+    for (const int32_t format : {ImageFileFormatTiff, ImageFileFormatTiffUncompressed})
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
+        SCOPED_TRACE(std::string(c.name) + (format == ImageFileFormatTiff ? ", deflated" : ", stored"));
         Ptr<ITiffImage> image = NewTiff(c.width, c.height, c.type);
         if (image->GetBitsPerSample() == 8) FillRamp<uint8_t>(image.Raw());
         else if (image->GetBitsPerSample() == 16) FillRamp<int16_t>(image.Raw());
@@ -250,8 +251,8 @@ TEST(GeoTiff, WriteAndReadBack) {
         image->SetTransform(Transform(c.params[0], c.params[1], c.params[2], c.params[3], c.params[4], c.params[5]).Raw());
         image->SetEpsgCode(c.epsg);
         image.Cast<ITiffImage2>()->SetTextProperty("written by the tests");
-        const std::string path = dir.File(std::string(c.name) + ".tif");
-        Save(image.Raw(), path, ImageFileFormatTiff);
+        const std::string path = dir.File(std::string(c.name) + std::to_string(format) + ".tif");
+        Save(image.Raw(), path, format);
 
         Ptr<IImage> back = Open(path);
         auto* tiff = back.Cast<ITiffImage2>();
@@ -264,6 +265,9 @@ TEST(GeoTiff, WriteAndReadBack) {
         for (int i = 0; i < 6; ++i) EXPECT_DOUBLE_EQ(params[i], c.params[i]) << i;
         const size_t bytes = size_t(c.width) * c.height * image->GetSamplesPerPixel() * image->GetBitsPerSample() / 8;
         EXPECT_EQ(std::memcmp(back->GetPixelPointer(0, 0), image->GetPixelPointer(0, 0), bytes), 0);
+        // A ramp packs well; stored, every byte is there.
+        if (format == ImageFileFormatTiff) EXPECT_LT(std::filesystem::file_size(path), bytes);
+        else EXPECT_GT(std::filesystem::file_size(path), bytes);
         if (!gdal || c.epsg == 0) continue;
 
         // GDAL's own decoding, stored without compression, holds the same pixels.

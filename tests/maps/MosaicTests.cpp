@@ -314,13 +314,13 @@ TEST(Mosaic, MercatorServiceToGeographicTargetAgreesWithGdalwarp) {
     ExpectSameAsGdal(image, dir, dir.File("gdal.tif"));
 }
 
-// A tile of one colour at (x, y) of zoom 3, or one that fails with its own text; decodes may
-// be slowed down and are counted while under way.
+// A tile of one colour at (x, y) of zoom 3, `size` pixels a side, or one that fails with its own
+// text; decodes may be slowed down and are counted while under way.
 class FakeTile final : public Core::ObjectImplBase<ITileResponse> {
 public:
-    FakeTile(int64_t x, int64_t y, uint8_t blue, std::string failure = {}, int delayMs = 0)
+    FakeTile(int64_t x, int64_t y, uint8_t blue, std::string failure = {}, int delayMs = 0, int size = 256)
         : failure_(std::move(failure)), delay_(delayMs) {
-        const std::string png = TestSupport::SolidPngTile(256, uint8_t(x), uint8_t(y), blue);
+        const std::string png = TestSupport::SolidPngTile(size, uint8_t(x), uint8_t(y), blue);
         Data::Array bytes = Data::Array::Create(png.size());
         std::memcpy(bytes.GetData(), png.data(), png.size());
         const MapServices::BoundingBoxValue bounds{x * 45.0 - 180, 90 - (y + 1) * 22.5, (x + 1) * 45.0 - 180,
@@ -356,8 +356,9 @@ private:
     int delay_;
 };
 
-// Enough tiles for several decoding threads and batches: pasting still follows the list, and
-// the failure reported is the first of the list, not the first in time.
+// Enough tiles for several decoding threads and batches: pasting still follows the list where
+// tiles overlap (one cell asked for three times, tiles of two cells a side), and the failure
+// reported is the first of the list, not the first in time.
 TEST(Mosaic, ParallelDecodingKeepsListOrder) {
     MapServices::TileRange range;
     range.Extend(0, 0);
@@ -366,11 +367,19 @@ TEST(Mosaic, ParallelDecodingKeepsListOrder) {
     for (int64_t x = 0; x < 8; ++x)
         for (int64_t y = 0; y < 8; ++y) tiles.push_back(Core::MakeObject<FakeTile>(x, y, 0));
     for (uint8_t again = 1; again <= 2; ++again) tiles.push_back(Core::MakeObject<FakeTile>(2, 3, again));
+    // Cells (5..6, 5..6), three of them pasted over it later in the list; cells (0..1, 1..2),
+    // all pasted before it.
+    tiles[5 * 8 + 5] = Core::MakeObject<FakeTile>(5, 5, 7, "", 0, 512);
+    tiles.push_back(Core::MakeObject<FakeTile>(0, 1, 9, "", 0, 512));
 
     auto mosaic = Impl::ComposeMosaic(range, tiles, 4326, 1);
     ASSERT_EQ(mosaic->GetWidth(), 8 * 256);
     EXPECT_EQ(Rgb(*mosaic, 2 * 256 + 9, 3 * 256 + 9), 0x020302u); // the last tile for (2, 3)
     EXPECT_EQ(Rgb(*mosaic, 7 * 256 + 9, 6 * 256 + 9), 0x070600u);
+    EXPECT_EQ(Rgb(*mosaic, 5 * 256 + 9, 5 * 256 + 9), 0x050507u);
+    EXPECT_EQ(Rgb(*mosaic, 6 * 256 + 9, 6 * 256 + 9), 0x060600u);
+    EXPECT_EQ(Rgb(*mosaic, 5 * 256 + 9, 6 * 256 + 9), 0x050600u);
+    EXPECT_EQ(Rgb(*mosaic, 1 * 256 + 9, 2 * 256 + 9), 0x000109u);
 
     tiles[36] = Core::MakeObject<FakeTile>(4, 4, 0, "tile 36 failed", 100);
     tiles[45] = Core::MakeObject<FakeTile>(5, 5, 0, "tile 45 failed");

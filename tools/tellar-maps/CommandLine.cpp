@@ -46,6 +46,8 @@ Zooms are 0 to 30, tile indices 0 or more. Files are written whole or not at all
 command leaves an existing file as it was.
 
 Options: --quiet, --png FILE (8-bit preview beside a .tif), --help,
+  --compress deflate|none (GeoTIFF of mosaic and map: deflated, the default, or stored as
+  GDAL stores by default, several times larger and quicker to write),
   --log FILE (the library's log), --log-level N (0 trace .. 7 fatal; default 4)
 )";
 
@@ -184,6 +186,8 @@ void CheckCommand(const Options& o) {
     } else {
         Require(!o.part.has_value(), "--part goes with seed");
     }
+    Require(!o.compress.has_value() || o.command == "mosaic" || o.command == "map",
+            "--compress goes with mosaic and map");
 }
 
 } // namespace
@@ -233,6 +237,11 @@ Options ParseCommandLine(const std::vector<std::string>& args) {
         {"--time", [&](const std::string& v) { o.time = v; }},
         {"-o", [&](const std::string& v) { o.output = v; }},
         {"--png", [&](const std::string& v) { o.png = v; }},
+        {"--compress",
+         [&](const std::string& v) {
+             if (v != "deflate" && v != "none") throw UsageError("--compress is deflate or none, not '" + v + "'");
+             o.compress = v == "deflate";
+         }},
         {"--log", [&](const std::string& v) { o.logFile = v; }},
         {"--log-level", [&](const std::string& v) { o.logLevel = Integer<uint32_t>("--log-level", v, 0, 8); }},
     };

@@ -34,6 +34,8 @@ struct Options {
     bool bestEffort = false;
     std::optional<std::string> output;
     std::optional<std::string> png;
+    // --compress: GeoTIFF strips deflated (true, the default) or stored as they are.
+    std::optional<bool> compress;
 
     std::optional<std::string> logFile;
     std::optional<uint32_t> logLevel;

@@ -333,12 +333,12 @@ JsonObject RunTile(IMapService* service, int32_t zoom, int64_t x, int64_t y, con
 namespace {
 
 // The picture as GeoTIFF and, when asked, as PNG: both are written before either replaces a file.
-void SaveImages(TellarImaging::IImage* image, const std::string& tiff, const std::optional<std::string>& png) {
+void SaveImages(TellarImaging::IImage* image, const std::string& tiff, const std::optional<std::string>& png,
+                bool compress) {
     StagedFiles files;
     const std::string stagedTiff = files.Stage(tiff);
-    Invoke([&](IErrorCode** e) {
-        return TellarImaging_SaveImage(image, stagedTiff.c_str(), TellarImaging::ImageFileFormatTiff, e);
-    });
+    const int32_t format = compress ? TellarImaging::ImageFileFormatTiff : TellarImaging::ImageFileFormatTiffUncompressed;
+    Invoke([&](IErrorCode** e) { return TellarImaging_SaveImage(image, stagedTiff.c_str(), format, e); });
     if (png) {
         const std::string stagedPng = files.Stage(*png);
         Invoke([&](IErrorCode** e) {
@@ -374,7 +374,7 @@ JsonObject RunMosaic(IMapService* service, const MosaicJob& job, Progress& progr
                               : service->GetImage(job.zoom, box.Raw(), image.ReceiveAddress(), e);
     });
     if (!image.Raw()) throw LibraryFailure("the library returned no mosaic for the box");
-    SaveImages(image.Raw(), job.tiff, job.png);
+    SaveImages(image.Raw(), job.tiff, job.png, job.compress);
 
     JsonObject json;
     json.Add("width", static_cast<int64_t>(image->GetWidth()))
@@ -438,7 +438,7 @@ JsonObject RunMap(IMapService* service, const PictureJob& job) {
     });
     image->SetEpsgCode(epsg);
     image->SetTransform(transform.Raw());
-    SaveImages(image.Raw(), job.output, job.png);
+    SaveImages(image.Raw(), job.output, job.png, job.compress);
 
     JsonObject json;
     json.Add("width", static_cast<int64_t>(image->GetWidth()))

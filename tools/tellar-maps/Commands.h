@@ -64,6 +64,7 @@ struct MosaicJob {
     bool bestEffort = false;
     std::string tiff;
     std::optional<std::string> png;
+    bool compress = true; // the GeoTIFF's strips deflated, else stored
     // A tile of the first pass that takes longer ends the command.
     std::optional<uint32_t> timeoutMs;
 };
@@ -78,6 +79,7 @@ struct PictureJob {
     std::optional<std::string> time;
     std::string output;
     std::optional<std::string> png;
+    bool compress = true; // the GeoTIFF's strips deflated, else stored (map only)
 };
 // Asks a WMS for the picture through its task, waited for on this thread, and writes it as a
 // GeoTIFF placed at the box (and as PNG when asked).

@@ -43,6 +43,7 @@ JsonObject Run(const Options& options) {
         job.bestEffort = options.bestEffort;
         job.tiff = *options.output;
         job.png = options.png;
+        job.compress = options.compress.value_or(true);
         job.timeoutMs = options.timeoutMs;
         return RunMosaic(service, job, progress);
     }
@@ -54,6 +55,7 @@ JsonObject Run(const Options& options) {
         job.time = options.time;
         job.output = *options.output;
         job.png = options.png;
+        job.compress = options.compress.value_or(true);
         return options.command == "map" ? RunMap(service, job) : RunCoverage(service, job);
     }
     // The command line admits nothing else.

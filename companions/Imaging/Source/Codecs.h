@@ -23,6 +23,6 @@ Core::Ptr<ITiffImage2> DecodeTiff(const uint8_t* data, size_t size);
 // 8 bits per sample, 1 to 4 samples.
 void EncodePng(IImage* image, const std::string& path, const std::string& name);
 // GeoTIFF keys when the image is a TIFF image with a transform or an EPSG code.
-void EncodeTiff(IImage* image, const std::string& path, const std::string& name);
+void EncodeTiff(IImage* image, const std::string& path, const std::string& name, bool compress = true);
 
 } // namespace TellarImaging::impl

@@ -214,14 +214,15 @@ bool TellarImaging_SaveImage(IImage* image, const char* path, int32_t format, Co
         [&] {
             Core::ThrowIfNull(image);
             Core::ThrowIfNull(path);
-            if (format != ImageFileFormatPng && format != ImageFileFormatTiff)
+            if (format != ImageFileFormatPng && format != ImageFileFormatTiff &&
+                format != ImageFileFormatTiffUncompressed)
                 throw std::runtime_error(fmt::format("Unknown image file format {}", format));
             const bool png = format == ImageFileFormatPng;
             SaveTarget target(path, png ? "PNG" : "TIFF");
             if (png)
                 EncodePng(image, target.Path(), path);
             else
-                EncodeTiff(image, target.Path(), path);
+                EncodeTiff(image, target.Path(), path, format == ImageFileFormatTiff);
             target.Commit();
         },
         ppError);

@@ -351,9 +351,32 @@ void WriteStrips(TIFF* t, IImage& image, uint32_t rowsPerStrip, int32_t samples,
     }
 }
 
+// Writes the picture's rows as they are, a strip at a time: straight from the image where its
+// rows lie one after the other, else through one strip of copies.
+template <class Fail>
+void WritePlainStrips(TIFF* t, IImage& image, uint32_t rowsPerStrip, size_t rowBytes, Fail&& fail) {
+    const int32_t height = image.GetHeight();
+    std::vector<uint8_t> copy;
+    for (uint32_t strip = 0; size_t(strip) * rowsPerStrip < size_t(height); ++strip) {
+        const auto first = int32_t(strip * rowsPerStrip);
+        const int32_t rows = std::min<int32_t>(int32_t(rowsPerStrip), height - first);
+        const auto* start = static_cast<const uint8_t*>(image.GetPixelPointer(0, first));
+        bool contiguous = start != nullptr;
+        for (int32_t r = 1; r < rows && contiguous; ++r)
+            contiguous = image.GetPixelPointer(0, first + r) == start + size_t(r) * rowBytes;
+        if (!contiguous) {
+            copy.resize(size_t(rows) * rowBytes);
+            for (int32_t r = 0; r < rows; ++r)
+                std::memcpy(copy.data() + size_t(r) * rowBytes, image.GetPixelPointer(0, first + r), rowBytes);
+            start = copy.data();
+        }
+        if (TIFFWriteRawStrip(t, strip, const_cast<uint8_t*>(start), tmsize_t(size_t(rows) * rowBytes)) < 0) fail();
+    }
+}
+
 } // namespace
 
-void EncodeTiff(IImage* image, const std::string& path, const std::string& name) {
+void EncodeTiff(IImage* image, const std::string& path, const std::string& name, bool compress) {
     RegisterGeoTiffTags();
     const int32_t width = image->GetWidth(), height = image->GetHeight();
     const int32_t samples = image->GetSamplesPerPixel(), bits = image->GetBitsPerSample();
@@ -385,9 +408,9 @@ void EncodeTiff(IImage* image, const std::string& path, const std::string& name)
     TIFFSetField(t, TIFFTAG_BITSPERSAMPLE, uint16_t(bits));
     TIFFSetField(t, TIFFTAG_SAMPLEFORMAT, uint16_t(kind));
     TIFFSetField(t, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
-    TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_ADOBE_DEFLATE);
-    const bool differenced = kind != SampleKindFloat;
-    TIFFSetField(t, TIFFTAG_PREDICTOR, differenced ? PREDICTOR_HORIZONTAL : PREDICTOR_NONE);
+    TIFFSetField(t, TIFFTAG_COMPRESSION, compress ? COMPRESSION_ADOBE_DEFLATE : COMPRESSION_NONE);
+    const bool differenced = compress && kind != SampleKindFloat;
+    if (compress) TIFFSetField(t, TIFFTAG_PREDICTOR, differenced ? PREDICTOR_HORIZONTAL : PREDICTOR_NONE);
     const bool colour = kind != SampleKindFloat && samples >= 3;
     TIFFSetField(t, TIFFTAG_PHOTOMETRIC, colour ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK);
     const int32_t extra = samples - (colour ? 3 : 1);
@@ -426,9 +449,13 @@ void EncodeTiff(IImage* image, const std::string& path, const std::string& name)
         if (!GTIFWriteKeys(gtif.get())) throw std::runtime_error("Failed to write GeoTIFF keys");
     }
 
-    WriteStrips(t, *image, rowsPerStrip, differenced ? samples : 0, bits / 8, [&] {
+    const auto failedWrite = [&] {
         throw std::runtime_error(fmt::format("Failed to write TIFF file {}: {}", name, state.message));
-    });
+    };
+    if (compress)
+        WriteStrips(t, *image, rowsPerStrip, differenced ? samples : 0, bits / 8, failedWrite);
+    else
+        WritePlainStrips(t, *image, rowsPerStrip, rowBytes, failedWrite);
     if (!TIFFFlush(t)) throw std::runtime_error(fmt::format("Failed to write TIFF file {}: {}", name, state.message));
 }
 

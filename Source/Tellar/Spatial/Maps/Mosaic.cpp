@@ -70,13 +70,16 @@ void PasteTile(const ImageBase& tile, const ImageBase& target, int64_t left, int
     }
 }
 
-// Decodes the tiles on a few threads, a batch at a time, and hands them to `paste` on the
-// calling thread in list order, so later tiles still overwrite earlier ones. A tile that
-// fails to decode stops the pasting at its turn with its own failure, as a one-by-one loop
-// would. `first` is the first tile, already decoded.
-template <class Paste>
+// Decodes the tiles on a few threads, a batch at a time, and pastes them in list order, so later
+// tiles still overwrite earlier ones. A tile that `fits` (no larger than its grid cell, the only
+// tile of the list there) cannot overlap any other, so the thread that decoded it pastes it at once; from the first tile of a batch
+// that does not fit, the calling thread pastes that one and every later tile of the batch again,
+// in order. A tile that fails to decode stops the pasting at its turn with its own failure, as a
+// one-by-one loop would (what helpers pasted after it goes with the discarded picture). `first`
+// is the first tile, already decoded.
+template <class Fits, class Paste>
 void DecodeInBatches(const std::vector<Core::Ptr<Tellar::Interfaces::ITileResponse>>& responses,
-                     const ImageBase& first, Paste&& paste) {
+                     const ImageBase& first, Fits&& fits, Paste&& paste) {
     const size_t count = responses.size();
     const size_t threads =
         std::clamp<size_t>(count / TilesPerThread, 1, std::max(1u, std::thread::hardware_concurrency()));
@@ -84,16 +87,22 @@ void DecodeInBatches(const std::vector<Core::Ptr<Tellar::Interfaces::ITileRespon
 
     std::vector<ImageBase> decoded(std::min(batch, count));
     std::vector<std::exception_ptr> failures(decoded.size());
+    std::vector<char> pasted(decoded.size());
     for (size_t start = 0; start < count; start += batch) {
         const size_t end = std::min(start + batch, count);
         std::atomic<size_t> next{start};
         const auto work = [&] {
             for (size_t i = next++; i < end; i = next++) {
+                const size_t slot = i - start;
+                pasted[slot] = false;
                 try {
-                    decoded[i - start] =
-                        i == 0 ? first : TellarImaging::CreateImageBase(DecodeTile(*responses[i]).Raw());
+                    decoded[slot] = i == 0 ? first : TellarImaging::CreateImageBase(DecodeTile(*responses[i]).Raw());
+                    if (fits(i, decoded[slot])) {
+                        paste(i, decoded[slot]);
+                        pasted[slot] = true;
+                    }
                 } catch (...) {
-                    failures[i - start] = std::current_exception();
+                    failures[slot] = std::current_exception();
                 }
             }
         };
@@ -102,11 +111,14 @@ void DecodeInBatches(const std::vector<Core::Ptr<Tellar::Interfaces::ITileRespon
         work();
         for (std::thread& worker : workers) worker.join();
 
+        bool inOrder = false;
         for (size_t i = start; i < end; ++i) {
-            if (failures[i - start]) std::rethrow_exception(failures[i - start]);
-            paste(i, decoded[i - start]);
-            decoded[i - start] = {};
+            const size_t slot = i - start;
+            if (failures[slot]) std::rethrow_exception(failures[slot]);
+            inOrder = inOrder || !pasted[slot];
+            if (inOrder) paste(i, decoded[slot]);
         }
+        for (ImageBase& tile : decoded) tile = {};
     }
 }
 
@@ -177,7 +189,20 @@ Core::Ptr<ITiffImage> Compose(const MapServices::TileRange& range,
     const ImageBase result = TellarImaging::CreateImageBase(window.width, window.height, pixelDataType);
 
     const int64_t step = static_cast<int64_t>(scale) * 256;
-    DecodeInBatches(responses, firstImage, [&](size_t index, const ImageBase& tile) {
+    // Which tiles are the only ones of the list in their grid cell.
+    std::vector<char> alone(responses.size(), 1);
+    {
+        std::vector<std::pair<std::pair<int64_t, int64_t>, size_t>> cells;
+        cells.reserve(responses.size());
+        for (size_t i = 0; i < responses.size(); ++i) cells.push_back({{responses[i]->GetX(), responses[i]->GetY()}, i});
+        std::sort(cells.begin(), cells.end());
+        for (size_t i = 1; i < cells.size(); ++i)
+            if (cells[i].first == cells[i - 1].first) alone[cells[i].second] = alone[cells[i - 1].second] = 0;
+    }
+    const auto fits = [&](size_t index, const ImageBase& tile) {
+        return alone[index] && tile.accessor && tile.accessor->width <= step && tile.accessor->height <= step;
+    };
+    DecodeInBatches(responses, firstImage, fits, [&](size_t index, const ImageBase& tile) {
         const int64_t left = (responses[index]->GetX() - range.minX) * step - window.x;
         const int64_t top = (responses[index]->GetY() - range.minY) * step - window.y;
         PasteTile(tile, result, left, top);

@@ -12,6 +12,9 @@ namespace TellarImaging {
 enum ImageFileFormat : int32_t {
     ImageFileFormatPng = 1,  // 8 bits per sample, 1 to 4 samples
     ImageFileFormatTiff = 2, // any image; GeoTIFF keys when it has a transform or an EPSG code
+    // As ImageFileFormatTiff with the strips stored as they are, as GDAL writes by default: a
+    // larger file, written at the speed of the disk instead of the compressor's.
+    ImageFileFormatTiffUncompressed = 3,
 };
 } // namespace TellarImaging
 
