@@ -18,6 +18,8 @@ using namespace Interfaces;
 
 namespace {
 constexpr const char* kFile = "HttpRequestImpl.cpp";
+// The most room a buffered response takes ahead for the body its headers announce.
+constexpr uint64_t kMostReserved = uint64_t(16) << 20;
 constexpr const char* kStreamIncompatible =
     "GetResponseStreamAsync was called previously which state is incompatible with GetResponse or "
     "GetResponseAsync functions.";
@@ -286,6 +288,10 @@ void HttpRequestImpl::OnHeadersAvailable() {
     }
     if (state == StateResponse) {
         auto memory = Core::MakeObject<impl::MemoryStreamImpl>();
+        // Room for the body the server announced, within reason: a length that lies costs an
+        // allocation that is never touched.
+        if (auto length = table.find("Content-Length"); length != table.end())
+            memory->Reserve(static_cast<size_t>(std::min<uint64_t>(ParseContentLength(length->second), kMostReserved)));
         auto stream = Core::MakeObject<HttpResponseStreamImpl>(memory, std::move(table), nullptr);
         Core::Ptr<IHttpResponse> response = Core::MakeObject<HttpResponseImpl>(stream);
         {

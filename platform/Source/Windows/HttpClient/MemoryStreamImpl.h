@@ -102,6 +102,12 @@ public:
         size_ = storage_.size();
     }
 
+    // Room for `count` bytes in all, so that appends up to there copy each byte once.
+    void Reserve(size_t count) {
+        storage_.reserve(count);
+        data_ = storage_.data();
+    }
+
     const uint8_t* Data() const { return data_; }
     uint64_t Size() const { return size_; }
 

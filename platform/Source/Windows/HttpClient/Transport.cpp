@@ -792,18 +792,30 @@ void Engine::EndOfHeaderBlock(RequestState& request) {
     }
     std::string text;
     text.reserve(request.block.size() + 2);
+    size_t declaredLength = 0;
     for (std::string_view rest = blockView; !rest.empty();) {
         const size_t end = rest.find("\r\n");
         const std::string_view line = rest.substr(0, end);
         rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 2);
-        if (encoded) {
-            const size_t colon = line.find(':');
-            const std::string_view name = colon == std::string_view::npos ? line : line.substr(0, colon);
-            if (EqualsNoCase(name, "content-length") || EqualsNoCase(name, "content-encoding")) continue;
+        const size_t colon = line.find(':');
+        const std::string_view name = colon == std::string_view::npos ? line : line.substr(0, colon);
+        const bool length = EqualsNoCase(name, "content-length");
+        if (encoded && (length || EqualsNoCase(name, "content-encoding"))) continue;
+        if (length && colon != std::string_view::npos) {
+            const std::string_view value = Trim(line.substr(colon + 1));
+            size_t n = 0;
+            const bool digits = !value.empty() && value.size() <= 18 &&
+                                std::all_of(value.begin(), value.end(), [](char c) { return c >= '0' && c <= '9'; });
+            if (digits)
+                for (const char c : value) n = n * 10 + static_cast<size_t>(c - '0');
+            declaredLength = n;
         }
         text.append(line);
         text += "\r\n";
     }
+    // What comes before the first read is held here: room for the whole body, up to the most
+    // ever held, saves growing it piece by piece.
+    if (declaredLength > 0 && request.body.empty()) request.body.reserve(std::min(declaredLength, kBufferHigh));
     text += "\r\n";
     {
         std::lock_guard lock(request.headersMutex);
