@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cctype>
+#include <charconv>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -802,13 +803,11 @@ void Engine::EndOfHeaderBlock(RequestState& request) {
         const bool length = EqualsNoCase(name, "content-length");
         if (encoded && (length || EqualsNoCase(name, "content-encoding"))) continue;
         if (length && colon != std::string_view::npos) {
+            // Only a hint for the holding buffer: anything but a plain number gives none.
             const std::string_view value = Trim(line.substr(colon + 1));
             size_t n = 0;
-            const bool digits = !value.empty() && value.size() <= 18 &&
-                                std::all_of(value.begin(), value.end(), [](char c) { return c >= '0' && c <= '9'; });
-            if (digits)
-                for (const char c : value) n = n * 10 + static_cast<size_t>(c - '0');
-            declaredLength = n;
+            const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), n);
+            declaredLength = error == std::errc() && end == value.data() + value.size() ? n : 0;
         }
         text.append(line);
         text += "\r\n";
