@@ -7,6 +7,7 @@
 #include "Core/Ptr.h"
 #include "HeadersImpl.h"
 #include "Platform/Network/Http/Headers.h"
+#include "Platform/Network/Http/ResponseHeaders.h"
 
 namespace Http = Platform::Network::Http;
 using Platform::Windows::Network::Http::AcceptTypesImpl;
@@ -59,6 +60,31 @@ TEST(ResponseHeaders, ParseBuildsTheTable) {
             EXPECT_EQ(it->second, value) << name;
         }
     }
+}
+
+TEST(ResponseHeaders, FindsTheLastValueInAnyCaseAndKeepsValuesInPlace) {
+    // Short enough to sit inside the string object: moving the headers must not lose the values.
+    Http::ResponseHeaders small(std::string("S\r\nA: 1"));
+    const Http::ResponseHeaders moved = std::move(small);
+    EXPECT_STREQ(moved.Find("a"), "1");
+    EXPECT_STREQ(moved.Find("Response"), "S");
+
+    Http::ResponseHeaders headers(std::string("HTTP/1.1 200 OK\r\nSet-Cookie: a=1 \r\nset-cookie:b=2\r\nEmpty:\r\n\r\n"));
+    EXPECT_STREQ(headers.Find("SET-COOKIE"), "b=2");
+    EXPECT_STREQ(headers.Find("Empty"), "");
+    EXPECT_EQ(headers.Find("Content-Length"), nullptr);
+    EXPECT_EQ(headers.Find("Set-Cookie: a"), nullptr);
+    ASSERT_EQ(headers.Count(), 4u);
+    EXPECT_EQ(headers.NameAt(1), "Set-Cookie");
+    EXPECT_EQ(headers.ValueViewAt(1), "a=1");
+
+    const char* before = headers.Find("Response");
+    headers.EnterMissing("Content-Length");
+    headers.EnterMissing("empty"); // present: nothing added
+    EXPECT_EQ(headers.Count(), 5u);
+    EXPECT_STREQ(headers.Find("content-length"), "");
+    EXPECT_EQ(headers.Find("Response"), before);
+    EXPECT_STREQ(before, "HTTP/1.1 200 OK");
 }
 
 TEST(AcceptTypes, AddContentTypeByNumber) {

@@ -1,6 +1,7 @@
 #include "Platform/Network/Http/Headers.h"
 
 #include "HeadersImpl.h"
+#include "Platform/Network/Http/ResponseHeaders.h"
 
 namespace Platform::Windows::Network::Http {
 
@@ -62,41 +63,10 @@ bool CreateHttpHeaders(Interfaces::IHttpHeaders** ppHeaders) {
 }
 
 HeaderTable ParseResponseHeaders(std::string_view text) {
-    static constexpr std::string_view whitespace = "\t\n\v\f\r ";
-    static constexpr std::string_view newline = "\r\n";
+    const ResponseHeaders headers{std::string(text)};
     HeaderTable table;
-    // The first non-empty line is the status line, the others are "name: value"; text with no
-    // non-empty line between its line ends is a status line all of it.
-    bool statusLine = true;
-    const auto take = [&](std::string_view line) {
-        if (statusLine) {
-            table["Response"] = std::string(line);
-            statusLine = false;
-            return;
-        }
-        const size_t colon = line.find(':');
-        std::string_view name = line, value;
-        if (colon != std::string_view::npos) {
-            name = line.substr(0, colon);
-            value = line.substr(colon + 1);
-        }
-        const size_t first = value.find_first_not_of(whitespace);
-        if (first == std::string_view::npos) {
-            value = {};
-        } else {
-            value = value.substr(first, value.find_last_not_of(whitespace) - first + 1);
-        }
-        table[std::string(name)] = std::string(value);
-    };
-    size_t start = 0;
-    while (start <= text.size()) {
-        const size_t found = text.find(newline, start);
-        const size_t end = found == std::string_view::npos ? text.size() : found;
-        if (end > start) take(text.substr(start, end - start));
-        if (found == std::string_view::npos) break;
-        start = found + newline.size();
-    }
-    if (statusLine && !text.empty()) take(text);
+    for (size_t i = 0; i < headers.Count(); ++i)
+        table[std::string(headers.NameAt(i))] = std::string(headers.ValueViewAt(i));
     return table;
 }
 

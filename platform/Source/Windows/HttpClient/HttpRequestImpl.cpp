@@ -18,8 +18,6 @@ using namespace Interfaces;
 
 namespace {
 constexpr const char* kFile = "HttpRequestImpl.cpp";
-// The most room a buffered response takes ahead for the body its headers announce.
-constexpr uint64_t kMostReserved = uint64_t(16) << 20;
 constexpr const char* kStreamIncompatible =
     "GetResponseStreamAsync was called previously which state is incompatible with GetResponse or "
     "GetResponseAsync functions.";
@@ -279,7 +277,7 @@ void HttpRequestImpl::OnHeadersAvailable() {
     if (handle == Transport::InvalidHandle()) return;
     std::string text;
     if (!ReadRawResponseHeaders(handle, function, kFile, text)) return;
-    HeaderTable table = Platform::Network::Http::ParseResponseHeaders(text);
+    ResponseHeaders table(std::move(text));
 
     const uint32_t state = state_.load();
     if (state != StateResponse && state != StateStream) {
@@ -287,13 +285,7 @@ void HttpRequestImpl::OnHeadersAvailable() {
         return;
     }
     if (state == StateResponse) {
-        auto memory = Core::MakeObject<impl::MemoryStreamImpl>();
-        // Room for the body the server announced, within reason: a length that lies costs an
-        // allocation that is never touched.
-        if (auto length = table.find("Content-Length"); length != table.end())
-            memory->Reserve(static_cast<size_t>(std::min<uint64_t>(ParseContentLength(length->second), kMostReserved)));
-        auto stream = Core::MakeObject<HttpResponseStreamImpl>(memory, std::move(table), nullptr);
-        Core::Ptr<IHttpResponse> response = Core::MakeObject<HttpResponseImpl>(stream);
+        Core::Ptr<IHttpResponse> response = HttpResponseImpl::Make(std::move(table));
         {
             ObjectLock lock(*this);
             response_.Swap(response);
@@ -301,8 +293,8 @@ void HttpRequestImpl::OnHeadersAvailable() {
         ReadData();
         return;
     }
-    auto found = table.find("Content-Length");
-    const uint64_t contentLength = found == table.end() ? 0 : ParseContentLength(found->second);
+    const char* announced = table.Find("Content-Length");
+    const uint64_t contentLength = announced ? ParseContentLength(announced) : 0;
     Core::Ptr<HttpResponseStreamImpl> responseStream;
     {
         ObjectLock lock(*this);
@@ -323,8 +315,10 @@ void HttpRequestImpl::OnHeadersAvailable() {
 
 void HttpRequestImpl::ReadData() {
     const Transport::Handle handle = handle_.load();
-    if (!response_.Raw() || handle == Transport::InvalidHandle()) return;
-    if (!Transport::ReadData(handle, readBuffer_, sizeof(readBuffer_), nullptr)) {
+    auto* response = static_cast<HttpResponseImpl*>(response_.Raw());
+    if (!response || handle == Transport::InvalidHandle()) return;
+    const auto [room, size] = response->ReadRoom();
+    if (!Transport::ReadData(handle, room, size, nullptr)) {
         const uint32_t error = Transport::GetLastError();
         LogMessage(LogError, "Platform::Windows::Network::Http::HttpRequestImpl::ReadData", kFile, __LINE__,
                    Core::StringFormat("WinHttpReadData failed (%d) %s", static_cast<int>(error),
@@ -342,7 +336,7 @@ void HttpRequestImpl::OnReadComplete(void* buffer, uint32_t bytes) {
     auto* response = static_cast<HttpResponseImpl*>(response_.Raw());
     if (!response) return;
     if (bytes > 0) {
-        response->Append(buffer, bytes);
+        response->Received(buffer, bytes);
         ReadData();
         return;
     }

@@ -85,7 +85,6 @@ private:
     bool CloseHandleLocked();
 
     std::atomic<bool> closed_{false};
-    uint8_t readBuffer_[32768];
     std::atomic<Transport::Handle> handle_;
     uint32_t method_;
     Platform::Threading::AlertableEvent completionEvent_;

@@ -208,9 +208,9 @@ void HttpRequestStreamImpl::OnHeadersAvailable() {
     if (handle == Transport::InvalidHandle()) return;
     std::string text;
     if (!ReadRawResponseHeaders(handle, function, kFile, text)) return;
-    HeaderTable table = Platform::Network::Http::ParseResponseHeaders(text);
-    auto found = table.find("Content-Length");
-    const uint64_t contentLength = found == table.end() ? 0 : ParseContentLength(found->second);
+    ResponseHeaders table(std::move(text));
+    const char* announced = table.Find("Content-Length");
+    const uint64_t contentLength = announced ? ParseContentLength(announced) : 0;
 
     // Objects made under the lock are released after it, since dropping a stream closes this request.
     Core::Ptr<HttpResponseStreamImpl> responseStream;
@@ -233,16 +233,16 @@ void HttpRequestStreamImpl::OnHeadersAvailable() {
         }
         return;
     }
-    auto memory = Core::MakeObject<impl::MemoryStreamImpl>();
-    auto stream = Core::MakeObject<HttpResponseStreamImpl>(memory, std::move(table), nullptr);
-    response_ = Core::MakeObject<HttpResponseImpl>(stream);
+    response_ = HttpResponseImpl::Make(std::move(table));
     ReadData();
 }
 
 void HttpRequestStreamImpl::ReadData() {
     const Transport::Handle handle = handle_.load();
-    if (!response_.Raw() || handle == Transport::InvalidHandle()) return;
-    if (!Transport::ReadData(handle, readBuffer_, sizeof(readBuffer_), nullptr)) {
+    auto* response = static_cast<HttpResponseImpl*>(response_.Raw());
+    if (!response || handle == Transport::InvalidHandle()) return;
+    const auto [room, size] = response->ReadRoom();
+    if (!Transport::ReadData(handle, room, size, nullptr)) {
         const uint32_t error = Transport::GetLastError();
         LogMessage(LogError, "Platform::Windows::Network::Http::HttpRequestStreamImpl::ReadData", kFile, __LINE__,
                    Core::StringFormat("WinHttpReadData failed (%d) %s", static_cast<int>(error),
@@ -258,7 +258,7 @@ void HttpRequestStreamImpl::OnReadComplete(void* buffer, uint32_t bytes) {
     auto* response = static_cast<HttpResponseImpl*>(response_.Raw());
     if (!response) return;
     if (bytes > 0) {
-        response->Append(buffer, bytes);
+        response->Received(buffer, bytes);
         ReadData();
         return;
     }

@@ -49,7 +49,6 @@ private:
     uint32_t method_;
     Core::Ptr<Interfaces::IHttpClient> client_;
     Core::Ptr<Interfaces::IStream> bodyStream_;
-    uint8_t readBuffer_[32768];
     uint8_t uploadBuffer_[kUploadBlockSize];
     bool completed_ = false;
     std::atomic<bool> sent_{false};

@@ -1,5 +1,6 @@
 #include "ResponseStreams.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstdlib>
 #include <stdexcept>
@@ -167,10 +168,11 @@ void AsyncStreamImpl::OnReadCompleted(void* buffer, uint32_t bytes) {
 
 } // namespace impl
 
-HttpResponseStreamImpl::HttpResponseStreamImpl(Core::Ptr<Core::IObject> source, HeaderTable headers,
+HttpResponseStreamImpl::HttpResponseStreamImpl(Core::Ptr<Core::IObject> source, ResponseHeaders headers,
                                                Core::IObject* request)
     : source_(std::move(source)), request_(request), headers_(std::move(headers)) {
-    statusCode_ = ParseStatusCode(headers_["Response"]);
+    const char* status = headers_.Find("Response");
+    statusCode_ = ParseStatusCode(status ? status : "");
 }
 
 bool HttpResponseStreamImpl::_abi_GetHeaders(Data::Interfaces::IVariantDictionary** ppHeaders,
@@ -178,22 +180,27 @@ bool HttpResponseStreamImpl::_abi_GetHeaders(Data::Interfaces::IVariantDictionar
     return Core::AbiGuard(
         [&] {
             Core::CheckResultAddress(ppHeaders);
+            // One entry per name, under its first spelling, with its last value.
+            HeaderTable table;
+            for (size_t i = 0; i < headers_.Count(); ++i)
+                table[std::string(headers_.NameAt(i))] = std::string(headers_.ValueViewAt(i));
             Data::VariantDictionary dictionary = Data::VariantDictionary::Create();
-            for (const auto& [name, value] : headers_)
+            for (const auto& [name, value] : table)
                 dictionary.Set(name.c_str(), Data::Variant::FromObject(Data::String::Create(value)));
             *ppHeaders = dictionary.Detach();
         },
         ppError);
 }
 
-bool HttpResponseStreamImpl::HasHeader(const char* name) { return name && headers_.find(name) != headers_.end(); }
+bool HttpResponseStreamImpl::HasHeader(const char* name) { return name && headers_.Find(name) != nullptr; }
 
 const char* HttpResponseStreamImpl::_abi_GetHeader(const char* name, Core::IErrorCode** ppError) {
     const char* value = nullptr;
     Core::AbiGuard(
         [&] {
             Core::ThrowIfNull(name);
-            value = Core::MapAt(headers_, std::string(name)).c_str();
+            value = headers_.Find(name);
+            if (!value) Core::ThrowInvalidKey();
         },
         ppError);
     return value;
@@ -229,13 +236,40 @@ bool HttpResponseImpl::SaveToFile(const char* path) {
 
 const char* HttpResponseImpl::GetHeader(const char* name) {
     if (!name) return nullptr;
-    auto& headers = responseStream_->Headers();
-    auto it = headers.find(name);
-    return it == headers.end() ? nullptr : it->second.c_str();
+    return responseStream_->Headers().Find(name);
+}
+
+Core::Ptr<HttpResponseImpl> HttpResponseImpl::Make(ResponseHeaders headers) {
+    // The most room taken ahead for the body the headers announce: a length that lies costs an
+    // allocation that is never touched.
+    constexpr uint64_t kMostReserved = uint64_t(16) << 20;
+    auto memory = Core::MakeObject<impl::MemoryStreamImpl>();
+    // One byte past the announced end, so that the read which finds the end needs no more room.
+    if (const char* length = headers.Find("Content-Length"))
+        memory->Reserve(static_cast<size_t>(std::min(ParseContentLength(length), kMostReserved)) + 1);
+    auto stream = Core::MakeObject<HttpResponseStreamImpl>(memory, std::move(headers), nullptr);
+    return Core::MakeObject<HttpResponseImpl>(stream);
+}
+
+std::pair<uint8_t*, uint32_t> HttpResponseImpl::ReadRoom() {
+    // A block for bodies of unknown length; bodies of a known one had their room reserved.
+    constexpr size_t kReadBlock = 16 * 1024;
+    uint8_t* room = memoryStream_->Room(memoryStream_->Spare() > 0 ? 1 : kReadBlock);
+    return {room, static_cast<uint32_t>(std::min<size_t>(memoryStream_->Spare(), size_t(1) << 30))};
+}
+
+void HttpResponseImpl::Received(const void* bytes, size_t count) {
+    if (bytes == memoryStream_->Data() + memoryStream_->Size())
+        memoryStream_->Commit(count);
+    else
+        memoryStream_->Append(bytes, count);
 }
 
 bool HttpResponseImpl::IsComplete() {
-    const uint64_t length = ParseContentLength(responseStream_->Headers()["Content-Length"]);
+    // A missing length is entered as empty, which its readers see from then on.
+    ResponseHeaders& headers = responseStream_->Headers();
+    headers.EnterMissing("Content-Length");
+    const uint64_t length = ParseContentLength(headers.Find("Content-Length"));
     return length == 0 || memoryStream_->Size() == length;
 }
 

@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <unordered_map>
 #include <vector>
 
@@ -12,6 +13,7 @@
 #include "MemoryStreamImpl.h"
 #include "Platform/Interfaces/IHttpRequest.h"
 #include "Platform/Network/Http/Headers.h"
+#include "Platform/Network/Http/ResponseHeaders.h"
 #include "Platform/Threading/AlertableEvent.h"
 #include "Platform/Threading/AsyncTaskImpl.h"
 #include "Transport.h"
@@ -19,6 +21,7 @@
 namespace Platform::Windows::Network::Http {
 
 using Platform::Network::Http::HeaderTable;
+using Platform::Network::Http::ResponseHeaders;
 
 // The decimal number at the start of a Content-Length value: 0 without a leading digit or when
 // it does not fit in 64 bits.
@@ -82,7 +85,7 @@ private:
 // Status and headers beside the body source of one response.
 class HttpResponseStreamImpl final : public Core::ObjectImplBase<Interfaces::IHttpResponseStream> {
 public:
-    HttpResponseStreamImpl(Core::Ptr<Core::IObject> source, HeaderTable headers, Core::IObject* request);
+    HttpResponseStreamImpl(Core::Ptr<Core::IObject> source, ResponseHeaders headers, Core::IObject* request);
 
     int32_t GetStatusCode() override { return statusCode_; }
     bool _abi_GetHeaders(Data::Interfaces::IVariantDictionary** ppHeaders, Core::IErrorCode** ppError) override;
@@ -91,12 +94,12 @@ public:
     Interfaces::IAsyncStream* _abi_GetAsyncStream(Core::IErrorCode** ppError) override;
 
     const Core::Ptr<Core::IObject>& Source() const { return source_; }
-    HeaderTable& Headers() { return headers_; }
+    ResponseHeaders& Headers() { return headers_; }
 
 private:
     Core::Ptr<Core::IObject> source_;
     Core::Ptr<Core::IObject> request_;
-    HeaderTable headers_;
+    ResponseHeaders headers_;
     int32_t statusCode_ = 0;
 };
 
@@ -104,6 +107,8 @@ private:
 class HttpResponseImpl final : public Core::ObjectImplBase<Interfaces::IHttpResponse> {
 public:
     explicit HttpResponseImpl(Core::Ptr<HttpResponseStreamImpl> responseStream);
+    // An empty response for a body to come, with room for the length that `headers` announce.
+    static Core::Ptr<HttpResponseImpl> Make(ResponseHeaders headers);
 
     int32_t GetStatusCode() override { return responseStream_->GetStatusCode(); }
     bool SaveToFile(const char* path) override;
@@ -111,7 +116,11 @@ public:
     const void* GetBodyData() override { return memoryStream_->Data(); }
     const char* GetHeader(const char* name) override;
 
-    void Append(const void* bytes, size_t count) { memoryStream_->Append(bytes, count); }
+    // Where the next read of the body goes: the room after the bytes so far, grown by a block
+    // when there is none left; never empty.
+    std::pair<uint8_t*, uint32_t> ReadRoom();
+    // A read into ReadRoom's room delivered `count` bytes at `bytes`.
+    void Received(const void* bytes, size_t count);
     // The body has the announced length, or no length was announced.
     bool IsComplete();
 

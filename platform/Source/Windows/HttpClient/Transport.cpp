@@ -41,6 +41,7 @@ constexpr int kMaxRedirects = 10;
 // The most bytes of one response's header block, status line and blank line included, as
 // WinHTTP's default: a server that never ends its headers is cut off here.
 constexpr size_t kMaxHeaderBlock = 64 * 1024;
+constexpr size_t kHeaderBlockRoom = 512;
 constexpr long kMaxHostConnections = 64;
 // Transfers in the multi handle at once; the others wait their turn in arrival order, which
 // keeps each pass of curl over its transfers short with thousands of requests in flight.
@@ -391,16 +392,18 @@ public:
     }
 
     // Runs `work` on the transport thread: at once when called there, otherwise queued.
-    void Run(std::function<void()> work) {
+    template <class Work>
+    void Run(Work&& work) {
         if (std::this_thread::get_id() == threadId_) {
             work();
             return;
         }
+        std::function<void()> queued(std::forward<Work>(work));
         bool first;
         {
             std::lock_guard lock(queueMutex_);
             first = queue_.empty();
-            queue_.push_back(std::move(work));
+            queue_.push_back(std::move(queued));
         }
         // Whoever queued into an empty queue has woken the loop, or is about to, and the loop
         // takes the whole queue at once: one wake-up per batch is enough.
@@ -711,6 +714,7 @@ size_t Engine::HeaderCallback(char* data, size_t size, size_t count, void* user)
     std::string_view line(data, length);
     if (line.rfind("HTTP/", 0) == 0) {
         request.block.clear();
+        request.block.reserve(kHeaderBlockRoom); // most blocks fit without growing
         request.location.clear();
         request.redirecting = false;
         const size_t blank = line.find(' ');
