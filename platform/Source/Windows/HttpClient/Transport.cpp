@@ -443,6 +443,8 @@ private:
             request->easy = nullptr;
         }
         active_.clear();
+        for (CURL* easy : idle_) curl_easy_cleanup(easy);
+        idle_.clear();
         waiting_.clear();
         events_.clear();
         curl_multi_cleanup(multi_);
@@ -498,6 +500,7 @@ private:
 
     std::deque<Event> events_;
     std::unordered_map<CURL*, std::shared_ptr<RequestState>> active_;
+    std::vector<CURL*> idle_; // easy handles reset for reuse
     std::deque<std::shared_ptr<RequestState>> waiting_;
     bool needsPerform_ = false;
     Clock::time_point lastTimeoutCheck_{};
@@ -602,7 +605,13 @@ void Engine::Detach(RequestState& request) {
         hold = std::move(keep->second);
         active_.erase(keep);
     }
-    curl_easy_cleanup(request.easy);
+    // Kept for a later request: a handle that has made one transfer has its memory in place.
+    if (idle_.size() < kMaxActive) {
+        curl_easy_reset(request.easy);
+        idle_.push_back(request.easy);
+    } else {
+        curl_easy_cleanup(request.easy);
+    }
     request.easy = nullptr;
 }
 
@@ -954,7 +963,13 @@ void Engine::Launch(RequestState& request) {
     if (encodeExtra) path = EncodeExtra(path);
     request.url = std::string(secure ? "https://" : "http://") + host + ":" + std::to_string(connection.port) + path;
 
-    CURL* easy = curl_easy_init();
+    CURL* easy = nullptr;
+    if (!idle_.empty()) {
+        easy = idle_.back();
+        idle_.pop_back();
+    } else {
+        easy = curl_easy_init();
+    }
     if (!easy) {
         request.transferDone = true;
         request.transferError = ErrorNotEnoughMemory;
