@@ -241,8 +241,7 @@ void HttpRequestStreamImpl::ReadData() {
     const Transport::Handle handle = handle_.load();
     auto* response = static_cast<HttpResponseImpl*>(response_.Raw());
     if (!response || handle == Transport::InvalidHandle()) return;
-    const auto [room, size] = response->ReadRoom();
-    if (!Transport::ReadData(handle, room, size, nullptr)) {
+    if (!Transport::ReadBody(handle, response->Body(), response->NextRoom())) {
         const uint32_t error = Transport::GetLastError();
         LogMessage(LogError, "Platform::Windows::Network::Http::HttpRequestStreamImpl::ReadData", kFile, __LINE__,
                    Core::StringFormat("WinHttpReadData failed (%d) %s", static_cast<int>(error),
@@ -257,8 +256,9 @@ void HttpRequestStreamImpl::OnReadComplete(void* buffer, uint32_t bytes) {
     }
     auto* response = static_cast<HttpResponseImpl*>(response_.Raw());
     if (!response) return;
+    // Also after the read that found the end: making room for it may have moved the body.
+    response->Received();
     if (bytes > 0) {
-        response->Received(buffer, bytes);
         ReadData();
         return;
     }

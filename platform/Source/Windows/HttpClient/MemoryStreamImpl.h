@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "BodyBuffer.h"
 #include "Core/AbiGuard.h"
 #include "Core/ObjectImplBase.h"
 #include "Core/StringFormat.h"
@@ -92,47 +93,35 @@ protected:
 
 namespace Platform::Windows::Network::Http::impl {
 
-// The body of a buffered response: grows by Append, or by reads straight into its spare room
-// (Room, then Commit); read like any memory stream. The room is not zeroed: only committed bytes
-// are ever read.
+// The body of a buffered response: grows by Append, or by the transport's reads into its body
+// buffer (then Sync); read like any memory stream.
 class MemoryStreamImpl final : public IO::impl::MemoryStreamBaseImpl<MemoryStreamImpl> {
 public:
     MemoryStreamImpl() : MemoryStreamBaseImpl(true, false) {}
 
     void Append(const void* bytes, size_t count) {
-        if (count == 0) return;
-        std::memcpy(Room(count), bytes, count);
-        Commit(count);
+        body_.Append(bytes, count);
+        Sync();
     }
 
     // Room for `count` bytes in all, so that appends up to there copy each byte once.
     void Reserve(size_t count) {
-        if (count > capacity_) Grow(count);
+        body_.Reserve(count);
+        Sync();
     }
 
-    // At least `count` bytes of room after the body; valid until the room next grows.
-    uint8_t* Room(size_t count) {
-        if (capacity_ - size_ < count) Grow(std::max<size_t>(size_ + count, 2 * capacity_));
-        return storage_.get() + size_;
+    // The bytes themselves, for reads straight into them; Sync once they changed.
+    BodyBuffer& Body() { return body_; }
+    void Sync() {
+        data_ = body_.Data();
+        size_ = body_.Size();
     }
-    size_t Spare() const { return capacity_ - size_; }
-    // The next `count` bytes of the room hold body now.
-    void Commit(size_t count) { size_ += count; }
 
     const uint8_t* Data() const { return data_; }
     uint64_t Size() const { return size_; }
 
 private:
-    void Grow(size_t capacity) {
-        auto next = std::make_unique_for_overwrite<uint8_t[]>(capacity);
-        if (size_ > 0) std::memcpy(next.get(), storage_.get(), size_);
-        storage_ = std::move(next);
-        capacity_ = capacity;
-        data_ = storage_.get();
-    }
-
-    std::unique_ptr<uint8_t[]> storage_;
-    size_t capacity_ = 0;
+    BodyBuffer body_;
 };
 
 } // namespace Platform::Windows::Network::Http::impl

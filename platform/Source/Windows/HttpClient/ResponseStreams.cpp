@@ -240,29 +240,22 @@ const char* HttpResponseImpl::GetHeader(const char* name) {
 }
 
 Core::Ptr<HttpResponseImpl> HttpResponseImpl::Make(ResponseHeaders headers) {
-    // The most room taken ahead for the body the headers announce: a length that lies costs an
-    // allocation that is never touched.
-    constexpr uint64_t kMostReserved = uint64_t(16) << 20;
+    const char* length = headers.Find("Content-Length");
+    const uint64_t announced = length ? ParseContentLength(length) : 0;
     auto memory = Core::MakeObject<impl::MemoryStreamImpl>();
-    // One byte past the announced end, so that the read which finds the end needs no more room.
-    if (const char* length = headers.Find("Content-Length"))
-        memory->Reserve(static_cast<size_t>(std::min(ParseContentLength(length), kMostReserved)) + 1);
     auto stream = Core::MakeObject<HttpResponseStreamImpl>(memory, std::move(headers), nullptr);
-    return Core::MakeObject<HttpResponseImpl>(stream);
+    auto response = Core::MakeObject<HttpResponseImpl>(stream);
+    response->announced_ = announced;
+    return response;
 }
 
-std::pair<uint8_t*, uint32_t> HttpResponseImpl::ReadRoom() {
-    // A block for bodies of unknown length; bodies of a known one had their room reserved.
-    constexpr size_t kReadBlock = 16 * 1024;
-    uint8_t* room = memoryStream_->Room(memoryStream_->Spare() > 0 ? 1 : kReadBlock);
-    return {room, static_cast<uint32_t>(std::min<size_t>(memoryStream_->Spare(), size_t(1) << 30))};
-}
-
-void HttpResponseImpl::Received(const void* bytes, size_t count) {
-    if (bytes == memoryStream_->Data() + memoryStream_->Size())
-        memoryStream_->Commit(count);
-    else
-        memoryStream_->Append(bytes, count);
+uint32_t HttpResponseImpl::NextRoom() const {
+    // The most room taken ahead: a length that lies costs an allocation that is never touched.
+    constexpr uint64_t kMostAhead = uint64_t(16) << 20;
+    constexpr uint32_t kBlock = 16 * 1024;
+    const uint64_t size = memoryStream_->Size();
+    if (announced_ <= size) return kBlock;
+    return static_cast<uint32_t>(std::min(announced_ - size + 1, kMostAhead));
 }
 
 bool HttpResponseImpl::IsComplete() {

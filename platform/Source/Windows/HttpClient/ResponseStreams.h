@@ -116,17 +116,20 @@ public:
     const void* GetBodyData() override { return memoryStream_->Data(); }
     const char* GetHeader(const char* name) override;
 
-    // Where the next read of the body goes: the room after the bytes so far, grown by a block
-    // when there is none left; never empty.
-    std::pair<uint8_t*, uint32_t> ReadRoom();
-    // A read into ReadRoom's room delivered `count` bytes at `bytes`.
-    void Received(const void* bytes, size_t count);
+    // The body, for the transport's reads straight into it (Transport::ReadBody).
+    BodyBuffer& Body() { return memoryStream_->Body(); }
+    // The room a read of the body is to find: the rest of the announced length and a byte more,
+    // so that the read which finds the end needs no more; a block when no length was announced.
+    uint32_t NextRoom() const;
+    // A read into Body() completed, with bytes or at the end.
+    void Received() { memoryStream_->Sync(); }
     // The body has the announced length, or no length was announced.
     bool IsComplete();
 
 private:
     Core::Ptr<HttpResponseStreamImpl> responseStream_;
     Core::Ptr<impl::MemoryStreamImpl> memoryStream_;
+    uint64_t announced_ = 0; // the body length the headers announce, 0 for none
 };
 
 // The task of a request: cancelling it closes the request it names.

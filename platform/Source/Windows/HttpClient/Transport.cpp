@@ -13,6 +13,7 @@
 #include <cstring>
 #include <deque>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -276,12 +277,13 @@ struct RequestState final : HandleBase {
     int redirects = 0;
 
     // Body bytes waiting for a read, and the read waiting for bytes.
-    std::vector<char> body;
+    BodyBuffer body;
     size_t bodyOffset = 0;
     bool recvPaused = false;
     void* readBuffer = nullptr;
     uint32_t readSize = 0;
     bool readPending = false;
+    BodyBuffer* readBody = nullptr; // the body whose room a pending read is, to commit the bytes
 
     // Request body.
     std::vector<char> postData;
@@ -293,7 +295,7 @@ struct RequestState final : HandleBase {
     bool uploadPaused = false;
     Dechunker dechunker;
 
-    size_t Buffered() const { return body.size() - bodyOffset; }
+    size_t Buffered() const { return body.Size() - bodyOffset; }
     bool UploadPhase() const { return streamedUpload && !(uploadEnd && uploads.empty()); }
 };
 
@@ -415,6 +417,7 @@ public:
     void StartWaiting();
     void Receive(RequestState& request);
     void Read(RequestState& request, void* buffer, uint32_t size);
+    void ReadBody(RequestState& request, BodyBuffer& body, uint32_t room);
     void Write(RequestState& request, std::vector<char> data, uint32_t length);
     void Close(HandleBase& handle, StatusCallback callback);
 
@@ -827,7 +830,8 @@ void Engine::EndOfHeaderBlock(RequestState& request) {
     }
     // What comes before the first read is held here: room for the whole body, up to the most
     // ever held, saves growing it piece by piece.
-    if (declaredLength > 0 && request.body.empty()) request.body.reserve(std::min(declaredLength, kBufferHigh));
+    // A byte more lets the read that finds the end of a body handed over whole need no room.
+    if (declaredLength > 0 && request.body.Empty()) request.body.Reserve(std::min(declaredLength, kBufferHigh) + 1);
     text += "\r\n";
     {
         std::lock_guard lock(request.headersMutex);
@@ -863,17 +867,19 @@ size_t Engine::WriteCallback(char* data, size_t size, size_t count, void* user) 
     if (request.readPending && request.Buffered() == 0) {
         const size_t take = std::min<size_t>(length, request.readSize);
         std::memcpy(request.readBuffer, data, take);
+        if (request.readBody) request.readBody->Commit(take);
+        request.readBody = nullptr;
         request.readPending = false;
         self_->Push(request, StatusReadComplete, request.readBuffer, static_cast<uint32_t>(take));
         data += take;
         length -= take;
     }
     if (length > 0) {
-        if (request.bodyOffset > 0 && request.bodyOffset >= request.body.size() / 2) {
-            request.body.erase(request.body.begin(), request.body.begin() + static_cast<ptrdiff_t>(request.bodyOffset));
+        if (request.bodyOffset > 0 && request.bodyOffset >= request.body.Size() / 2) {
+            request.body.DropFront(request.bodyOffset);
             request.bodyOffset = 0;
         }
-        request.body.insert(request.body.end(), data, data + length);
+        request.body.Append(data, length);
     }
     return total;
 }
@@ -1087,10 +1093,10 @@ void Engine::Read(RequestState& request, void* buffer, uint32_t size) {
     const size_t buffered = request.Buffered();
     if (buffered > 0) {
         const size_t take = std::min<size_t>(buffered, size);
-        std::memcpy(buffer, request.body.data() + request.bodyOffset, take);
+        std::memcpy(buffer, request.body.Data() + request.bodyOffset, take);
         request.bodyOffset += take;
-        if (request.bodyOffset == request.body.size()) {
-            request.body.clear();
+        if (request.bodyOffset == request.body.Size()) {
+            request.body.Clear();
             request.bodyOffset = 0;
         }
         Push(request, StatusReadComplete, buffer, static_cast<uint32_t>(take));
@@ -1112,11 +1118,42 @@ void Engine::Read(RequestState& request, void* buffer, uint32_t size) {
     request.readPending = true;
     request.readBuffer = buffer;
     request.readSize = size;
+    request.readBody = nullptr;
     if (request.recvPaused && request.easy) {
         request.recvPaused = false;
         request.lastActivity = Clock::now();
         Pause(request);
     }
+}
+
+void Engine::ReadBody(RequestState& request, BodyBuffer& target, uint32_t room) {
+    if (request.closeProcessed || request.errorDelivered) return;
+    const size_t buffered = request.Buffered();
+    if (buffered > 0) {
+        // Everything held goes: into an empty body by exchange, else after what it has.
+        uint8_t* start = nullptr;
+        if (target.Empty() && request.bodyOffset == 0) {
+            target.Swap(request.body);
+            start = target.Data();
+        } else {
+            start = target.Room(buffered);
+            std::memcpy(start, request.body.Data() + request.bodyOffset, buffered);
+            target.Commit(buffered);
+        }
+        request.body.Clear();
+        request.bodyOffset = 0;
+        Push(request, StatusReadComplete, start, static_cast<uint32_t>(buffered));
+        if (request.recvPaused && request.easy) {
+            request.recvPaused = false;
+            request.lastActivity = Clock::now();
+            Pause(request);
+        }
+        return;
+    }
+    if (target.Spare() == 0) target.Room(room);
+    Read(request, target.Data() + target.Size(),
+         static_cast<uint32_t>(std::min<size_t>(target.Spare(), std::numeric_limits<uint32_t>::max())));
+    if (request.readPending) request.readBody = &target;
 }
 
 void Engine::Write(RequestState& request, std::vector<char> data, uint32_t length) {
@@ -1389,6 +1426,15 @@ bool ReadData(Handle request, void* buffer, uint32_t toRead, uint32_t* read) {
     if (read) *read = 0;
     Engine& engine = Engine::Get();
     engine.Run([state, &engine, buffer, toRead] { engine.Read(*state, buffer, toRead); });
+    return true;
+}
+
+bool ReadBody(Handle request, BodyBuffer& body, uint32_t room) {
+    auto state = LookupAs<RequestState>(request, Kind::Request);
+    if (!state) return Fail(ErrorInvalidHandle);
+    if (!state->sendIssued.load()) return Fail(ErrorIncorrectHandleState);
+    Engine& engine = Engine::Get();
+    engine.Run([state, &engine, &body, room] { engine.ReadBody(*state, body, std::max<uint32_t>(room, 1)); });
     return true;
 }
 

@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "BodyBuffer.h"
+
 namespace Platform::Windows::Network::Http::Transport {
 
 using Handle = void*;
@@ -101,6 +103,12 @@ bool ReceiveResponse(Handle request, void* reserved);
 bool QueryHeaders(Handle request, uint32_t infoLevel, const char* name, void* buffer, uint32_t* bufferLength,
                   uint32_t* index);
 bool ReadData(Handle request, void* buffer, uint32_t toRead, uint32_t* read);
+// ReadData for a buffered response into its own body: whatever the transport holds is added to
+// `body`, committed, and taken over whole without a copy when `body` is empty; with nothing held
+// the read waits in the room after the body (`room` bytes more when it has none) and its bytes
+// are committed there as they arrive. The read-complete event names where the new bytes begin.
+// `body` lives until that event or the handle's close.
+bool ReadBody(Handle request, BodyBuffer& body, uint32_t room);
 bool CloseHandle(Handle handle);
 
 // Counters for tests: handles open, and easy handles alive in the multi handle.
