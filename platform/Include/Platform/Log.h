@@ -21,6 +21,10 @@ enum LogLevel : uint32_t {
 // `function` and `file` are literal names; a line of 0 or less is not shown.
 void LogMessage(uint32_t level, const char* function, const char* file, int line, std::string_view text);
 
+// Whether a message of `level` would be written now: lets a caller skip building a text that
+// nobody reads.
+bool LogEnabled(uint32_t level);
+
 // Writes the current call stack to the logger; throws when there is no logger.
 void LogStackTrace();
 

@@ -129,6 +129,8 @@ Transport::Handle HttpClientImpl::OpenRequestHandle(const char* path, IAcceptTyp
                                 static_cast<int32_t>(sendTimeout_), static_cast<int32_t>(receiveTimeout_)))
         LogMessage(LogTrace, "Platform::Windows::Network::Http::HttpClientImpl::CreateRequest", kFile, __LINE__,
                    Core::StringFormat("Failed to set timeouts: %d", static_cast<int>(Transport::GetLastError())));
+    // Every request passes here: its line is made only when it is written.
+    if (!LogEnabled(LogTrace)) return request;
     const std::string portText =
         port_ == 80 || port_ == 443 ? std::string() : Core::StringFormat(":%d", static_cast<int>(port_));
     const size_t start = requestPath.find_first_not_of('/');

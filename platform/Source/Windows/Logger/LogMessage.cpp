@@ -39,6 +39,11 @@ void LogMessage(uint32_t level, const char* function, const char* file, int line
     sink->Write(entry.c_str(), style->colour);
 }
 
+bool LogEnabled(uint32_t level) {
+    Core::Ptr<Interfaces::IAppLogger> logger = GetAppLogger();
+    return logger.Raw() && logger->GetLevel() <= level && StyleOf(level);
+}
+
 void LogStackTrace() {
     Core::CheckedPtr<Interfaces::IAppLogger> logger(GetAppLogger());
     logger->WriteStackTrace(2, 64);
