@@ -182,7 +182,7 @@ struct LevelPart {
 };
 
 // Every tile of a list holds its download until the list goes, so a level is seeded in parts of
-// about this many tiles: memory stays bounded however large the level.
+// about this many tiles, two parts held at once: memory stays bounded however large the level.
 constexpr uint64_t TilesPerList = 1024;
 
 // The four quarters of a box, the one of the lowest x and y last (taken first from the back), or
@@ -195,16 +195,11 @@ std::vector<std::array<double, 4>> Quarters(const std::array<double, 4>& box) {
             {box[0], box[1], midX, midY}};
 }
 
-// Calls visit(request, index, seen) for every tile of the parts at `zoom`, each once (`seen` marks
-// a tile on the edge between two parts that an earlier part took). A part expected to hold more
-// than TilesPerList tiles, or whose list the library refuses as too large, is cut into quarters
-// first. `part(n)` is told the size of each list before its tiles. On return `parts` holds the
-// parts of this level with what each will hold at the next (four times as many tiles).
-template <class Part, class Visit>
-void ForEachTileOfLevel(IMapService* service, int32_t zoom, std::vector<LevelPart>& parts, Part&& part,
-                        Visit&& visit) {
-    std::vector<TileSpan> done;
-    std::vector<LevelPart> pending(parts.rbegin(), parts.rend()), next;
+// The next list of `pending` (taken from the back) at `zoom`: a part expected to hold more than
+// TilesPerList tiles, or whose list the library refuses as too large, is cut into quarters first.
+// Its tiles' downloads start as it is made. Null when nothing is pending.
+Ptr<Data::Interfaces::IObjectList> NextList(IMapService* service, int32_t zoom, std::vector<LevelPart>& pending,
+                                            LevelPart& taken) {
     while (!pending.empty()) {
         const LevelPart current = pending.back();
         pending.pop_back();
@@ -224,22 +219,43 @@ void ForEachTileOfLevel(IMapService* service, int32_t zoom, std::vector<LevelPar
             for (const auto& quarter : quarters) pending.push_back({quarter, 0});
             continue;
         }
-        const uint64_t count = list->GetCount();
-        part(count);
-        TileSpan span{INT64_MAX, INT64_MAX, INT64_MIN, INT64_MIN};
-        for (uint64_t i = 0; i < count; ++i) {
-            ITileRequest* request = RequestAt(list.Raw(), i);
-            const int64_t x = request->GetX(), y = request->GetY();
-            span = {std::min(span.minX, x), std::min(span.minY, y), std::max(span.maxX, x), std::max(span.maxY, y)};
-            const bool seen =
-                std::any_of(done.begin(), done.end(), [&](const TileSpan& other) { return other.Holds(x, y); });
-            visit(request, i, seen);
-        }
-        if (count) done.push_back(span);
-        next.push_back({current.box, count * 4});
+        taken = current;
+        return list;
     }
-    parts = std::move(next);
+    return nullptr;
 }
+
+// The lists of a seed, level by level from `minZoom` to `maxZoom` (NextList within a level). A
+// level starts as the parts of the one before, each expected to hold four times its tiles there.
+class LevelLists {
+public:
+    struct Item {
+        int32_t zoom = 0;
+        Ptr<Data::Interfaces::IObjectList> list; // null once every level is done
+    };
+
+    LevelLists(IMapService* service, int32_t minZoom, int32_t maxZoom, const std::array<double, 4>& box)
+        : service_(service), zoom_(minZoom), maxZoom_(maxZoom), pending_{{box, 0}} {}
+
+    Item Next() {
+        while (zoom_ <= maxZoom_) {
+            LevelPart taken;
+            if (Ptr<Data::Interfaces::IObjectList> list = NextList(service_, zoom_, pending_, taken); list.Raw()) {
+                next_.push_back({taken.box, list->GetCount() * 4});
+                return {zoom_, std::move(list)};
+            }
+            pending_.assign(next_.rbegin(), next_.rend());
+            next_.clear();
+            ++zoom_;
+        }
+        return {};
+    }
+
+private:
+    IMapService* service_;
+    int32_t zoom_, maxZoom_;
+    std::vector<LevelPart> pending_, next_;
+};
 
 } // namespace
 
@@ -527,27 +543,37 @@ private:
     std::string firstError_;
 };
 
+// Takes every tile, list by list. The next list is made before the tiles of one are taken, also
+// across levels, so that the network is busy while they are: at most two lists are held at once.
+// Each list has a bar of its own; a tile on the edge between two parts of a level that an earlier
+// part took is not waited for again.
 void SeedWholeLevels(IMapService* service, const SeedJob& job, Progress& progress, SeedCount& count) {
-    std::vector<LevelPart> levelParts{{job.bbox, 0}};
-    for (int32_t zoom = job.minZoom; zoom <= job.maxZoom; ++zoom) {
-        // A level too large for one list comes in parts, each with a bar of its own.
-        std::string label;
-        int parts = 0;
-        uint64_t size = 0;
-        ForEachTileOfLevel(
-            service, zoom, levelParts,
-            [&](uint64_t listSize) {
-                size = listSize;
-                label = ++parts == 1 ? fmt::format("zoom {}", zoom) : fmt::format("zoom {} part {}", zoom, parts);
-            },
-            [&](ITileRequest* request, uint64_t index, bool seen) {
-                // A tile already taken with an earlier part: its download here is not waited for.
-                if (seen)
-                    request->Cancel();
-                else
-                    count.Take(*request);
-                progress.Update(label, index + 1, size);
-            });
+    LevelLists lists(service, job.minZoom, job.maxZoom, job.bbox);
+    std::vector<TileSpan> done;
+    int32_t zoom = -1;
+    int parts = 0;
+    for (LevelLists::Item item = lists.Next(); item.list.Raw();) {
+        LevelLists::Item ahead = lists.Next();
+        if (item.zoom != zoom) {
+            zoom = item.zoom;
+            parts = 0;
+            done.clear();
+        }
+        const uint64_t size = item.list->GetCount();
+        const std::string label = ++parts == 1 ? fmt::format("zoom {}", zoom) : fmt::format("zoom {} part {}", zoom, parts);
+        TileSpan span{INT64_MAX, INT64_MAX, INT64_MIN, INT64_MIN};
+        for (uint64_t i = 0; i < size; ++i) {
+            ITileRequest* request = RequestAt(item.list.Raw(), i);
+            const int64_t x = request->GetX(), y = request->GetY();
+            span = {std::min(span.minX, x), std::min(span.minY, y), std::max(span.maxX, x), std::max(span.maxY, y)};
+            if (std::any_of(done.begin(), done.end(), [&](const TileSpan& other) { return other.Holds(x, y); }))
+                request->Cancel();
+            else
+                count.Take(*request);
+            progress.Update(label, i + 1, size);
+        }
+        if (size) done.push_back(span);
+        item = std::move(ahead);
     }
 }
 
