@@ -47,6 +47,28 @@ TEST(MemoryStream, AppendThenReadInPiecesAndSeekUpToSize) {
     EXPECT_FALSE(stream->IsEndOfStream());
 }
 
+TEST(MemoryStream, BodyTakenOverByExchangeReadsAfterSync) {
+    using Platform::Windows::Network::Http::BodyBuffer;
+    BodyBuffer held;
+    held.Append("abcdef", 6);
+    held.DropFront(2); // what a read took already
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(held.Data()), held.Size()), "cdef");
+    uint8_t* room = held.Room(100); // grows, keeping the bytes
+    std::memcpy(room, "gh", 2);
+    held.Commit(2);
+
+    auto stream = Core::MakeObject<MemoryStreamImpl>();
+    stream->Body().Swap(held);
+    stream->Sync();
+    EXPECT_TRUE(held.Empty());
+    char buffer[8] = {};
+    EXPECT_EQ(stream->_abi_Read(buffer, 8, nullptr), 6u);
+    EXPECT_EQ(std::string(buffer, 6), "cdefgh");
+    stream->Append("ij", 2); // appends after a swap land behind the bytes taken over
+    EXPECT_EQ(stream->Size(), 8u);
+    EXPECT_EQ(std::memcmp(stream->Data() + 6, "ij", 2), 0);
+}
+
 TEST(MemoryStream, ReadOnlyRefusesWritesAndSizeChanges) {
     auto stream = Core::MakeObject<MemoryStreamImpl>();
     Core::Ptr<Core::IErrorCode> error;
