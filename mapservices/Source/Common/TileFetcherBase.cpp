@@ -12,6 +12,7 @@
 #include "Core/AbiGuard.h"
 #include "Core/Checked.h"
 #include "Core/StringFormat.h"
+#include "fmt/format.h"
 #include "MapServices/Common/CacheFile.h"
 #include "MapServices/Common/TileMath.h"
 #include "Platform/Log.h"
@@ -175,12 +176,13 @@ std::string TileFetcherBase::GetCacheDirectory() {
 }
 
 std::string TileFetcherBase::GetTileFileName(int32_t z, int32_t x, int32_t y) const {
-    return Core::StringFormat("%d_%d_%d%s", z, x, y, fileExtension_.c_str());
+    return fmt::format("{}_{}_{}{}", z, x, y, fileExtension_);
 }
 
 std::string TileFetcherBase::GetCachedTilePath(int32_t z, int32_t x, int32_t y) {
-    return Core::StringFormat("%s/%s/%u/%d/%s", cacheRoot_.c_str(), cacheFolder_.c_str(),
-                              static_cast<uint32_t>(GetCacheHash()), z, GetTileFileName(z, x, y).c_str());
+    // Made for every tile asked for: fmt rather than a printf pass over the format.
+    return fmt::format("{}/{}/{}/{}/{}_{}_{}{}", cacheRoot_, cacheFolder_, static_cast<uint32_t>(GetCacheHash()), z, z,
+                       x, y, fileExtension_);
 }
 
 std::string TileFetcherBase::GetMapTileDirPath(int32_t z) {
