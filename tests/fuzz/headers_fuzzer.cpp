@@ -1,7 +1,8 @@
-// Feeds arbitrary bytes to the response header reader as a raw CRLF header block, then takes the
-// status code from its status line and the body length from Content-Length the way a response
-// stream does, enters the parsed lines into a request header set and reads them back, and adds
-// accept types by number. The status line has no reader of its own: it is the block's first line.
+// Feeds arbitrary bytes to the response header reader as a raw CRLF header block, checks the
+// reader a response keeps against the table it gives, then takes the status code from its status
+// line and the body length from Content-Length the way a response stream does, enters the parsed
+// lines into a request header set and reads them back, and adds accept types by number. The status
+// line has no reader of its own: it is the block's first line.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -11,6 +12,7 @@
 #include "Core/Ptr.h"
 #include "HeadersImpl.h"
 #include "Platform/Network/Http/Headers.h"
+#include "Platform/Network/Http/ResponseHeaders.h"
 #include "ResponseStreams.h"
 
 namespace Http = Platform::Network::Http;
@@ -29,6 +31,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
              blanks.find(value.back()) != std::string_view::npos))
             __builtin_trap();
     }
+    // The reader a response keeps answers as the table does, and keeps its values in place when
+    // a missing length is entered.
+    Http::ResponseHeaders block{std::string(text)};
+    for (const auto& [name, value] : table) {
+        const char* found = block.Find(name);
+        if (!found || std::string_view(found) != std::string_view(value.c_str())) __builtin_trap();
+    }
+    const char* statusLine = block.Find("Response");
+    block.EnterMissing("Content-Length");
+    if (block.Find("Response") != statusLine || !block.Find("content-length")) __builtin_trap();
     if (auto status = table.find("Response"); status != table.end()) (void)Impl::ParseStatusCode(status->second);
     if (auto length = table.find("content-length"); length != table.end())
         (void)Impl::ParseContentLength(length->second);
