@@ -6,9 +6,7 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/resource.h>
-#include <linux/magic.h>
 #include <sys/socket.h>
-#include <sys/statfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -32,18 +30,6 @@ namespace Bench {
 inline std::filesystem::path MakeWorkDirectory(const std::string& name) {
     std::string pattern = (::access("/dev/shm", W_OK) == 0 ? "/dev/shm/" : "/tmp/") + name + ".XXXXXX";
     return ::mkdtemp(pattern.data()) ? std::filesystem::path(pattern) : std::filesystem::path();
-}
-
-// A new directory on a disk file system (under /var/tmp or /tmp), where a cache lives in use;
-// empty when both are tmpfs or none could be made.
-inline std::filesystem::path MakeDiskWorkDirectory(const std::string& name) {
-    for (const char* parent : {"/var/tmp/", "/tmp/"}) {
-        struct statfs info {};
-        if (::statfs(parent, &info) != 0 || info.f_type == TMPFS_MAGIC || ::access(parent, W_OK) != 0) continue;
-        std::string pattern = parent + name + ".XXXXXX";
-        return ::mkdtemp(pattern.data()) ? std::filesystem::path(pattern) : std::filesystem::path();
-    }
-    return {};
 }
 
 // A port on 127.0.0.1 that nobody listens on right now.

@@ -5,8 +5,7 @@
 //           default) and both deflated alike; wall time and peak resident memory of each process,
 //           and every pixel and the grid of both files compared;
 //   seed    zoom 0 to 6 (5,461 tiles) into an empty cache: `tellar-maps seed` against
-//           `curl --parallel --parallel-max 64` writing the same tiles as files, on tmpfs and
-//           then on a disk file system (/var/tmp or /tmp) when the machine has one.
+//           `curl --parallel --parallel-max 64` writing the same tiles as files.
 // Each runs ROUNDS times (default 3), ours and the peer's in turn; times are medians.
 // Usage: peers_bench [mosaic] [seed] [--rounds N]   (default: both). Needs nginx, curl and
 // gdal_translate.
@@ -262,10 +261,8 @@ bool MosaicBeside(const fs::path& dir, const std::string& base, const std::strin
     return same && oursPlain.ok && gdalPlain.ok && oursPacked.ok && gdalPacked.ok;
 }
 
-// Zoom 0 to MaxZoom into an empty cache under `dir` (on `where`), `rounds` times, ours and curl's
-// in turn.
-bool SeedBeside(const fs::path& dir, const char* where, const std::string& base, const std::string& tool,
-                int32_t rounds) {
+// Zoom 0 to MaxZoom into an empty cache, `rounds` times, ours and curl's in turn.
+bool SeedBeside(const fs::path& dir, const std::string& base, const std::string& tool, int32_t rounds) {
     {
         std::ofstream config(dir / "curl.cfg");
         for (int32_t z = 0; z <= MaxZoom; ++z)
@@ -300,8 +297,8 @@ bool SeedBeside(const fs::path& dir, const char* where, const std::string& base,
         fs::remove_all(dir / "cache");
         fs::remove_all(dir / "curl");
     }
-    std::printf("seed of zoom 0-%d (%lld tiles) %s, medians of %d rounds:\n", MaxZoom,
-                static_cast<long long>(expected), where, rounds);
+    std::printf("seed of zoom 0-%d (%lld tiles), medians of %d rounds:\n", MaxZoom, static_cast<long long>(expected),
+                rounds);
     Print("tellar-maps seed", ours);
     Print("curl --parallel --parallel-max 64 to files", curl);
     std::printf("  speed: %.2fx curl (goal at least 1)   files: %s\n", Median(ratios),
@@ -334,13 +331,8 @@ int main(int argc, char** argv) {
     bool good = nginx.Start();
     if (!good) std::fprintf(stderr, "nginx could not start\n");
     if (good && mosaic) good = MosaicBeside(dir, nginx.Base(), tool, rounds) && good;
-    if (good && seed) good = SeedBeside(dir, "on tmpfs", nginx.Base(), tool, rounds) && good;
-    // The same on a disk, as a cache is kept: there curl writes each file piece by piece as its
-    // bytes come, and what the file system makes of that weighs more than on tmpfs.
-    const fs::path disk = seed ? Bench::MakeDiskWorkDirectory("peers_bench") : fs::path();
-    if (good && !disk.empty()) good = SeedBeside(disk, "on disk", nginx.Base(), tool, rounds) && good;
+    if (good && seed) good = SeedBeside(dir, nginx.Base(), tool, rounds) && good;
     nginx.Stop();
     fs::remove_all(dir);
-    if (!disk.empty()) fs::remove_all(disk);
     return good ? 0 : 1;
 }
