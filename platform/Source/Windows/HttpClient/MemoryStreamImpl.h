@@ -1,10 +1,7 @@
 #pragma once
-#include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <memory>
 #include <stdexcept>
-#include <vector>
 
 #include "BodyBuffer.h"
 #include "Core/AbiGuard.h"
@@ -101,12 +98,6 @@ public:
 
     void Append(const void* bytes, size_t count) {
         body_.Append(bytes, count);
-        Sync();
-    }
-
-    // Room for `count` bytes in all, so that appends up to there copy each byte once.
-    void Reserve(size_t count) {
-        body_.Reserve(count);
         Sync();
     }
 

@@ -4,7 +4,6 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <unordered_map>
 #include <vector>
 
@@ -107,7 +106,7 @@ private:
 class HttpResponseImpl final : public Core::ObjectImplBase<Interfaces::IHttpResponse> {
 public:
     explicit HttpResponseImpl(Core::Ptr<HttpResponseStreamImpl> responseStream);
-    // An empty response for a body to come, with room for the length that `headers` announce.
+    // An empty response for a body to come; it notes the length that `headers` announce.
     static Core::Ptr<HttpResponseImpl> Make(ResponseHeaders headers);
 
     int32_t GetStatusCode() override { return responseStream_->GetStatusCode(); }
