@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
@@ -553,7 +554,14 @@ void SeedWholeLevels(IMapService* service, const SeedJob& job, Progress& progres
     int32_t zoom = -1;
     int parts = 0;
     for (LevelLists::Item item = lists.Next(); item.list.Raw();) {
-        LevelLists::Item ahead = lists.Next();
+        // A next list the library refuses fails the run only once this one's tiles are taken.
+        LevelLists::Item ahead;
+        std::exception_ptr failure;
+        try {
+            ahead = lists.Next();
+        } catch (...) {
+            failure = std::current_exception();
+        }
         if (item.zoom != zoom) {
             zoom = item.zoom;
             parts = 0;
@@ -573,6 +581,7 @@ void SeedWholeLevels(IMapService* service, const SeedJob& job, Progress& progres
             progress.Update(label, i + 1, size);
         }
         if (size) done.push_back(span);
+        if (failure) std::rethrow_exception(failure);
         item = std::move(ahead);
     }
 }
