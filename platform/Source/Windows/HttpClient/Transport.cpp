@@ -473,7 +473,6 @@ private:
     }
     void Pause(RequestState& request) {
         int mask = (request.recvPaused ? CURLPAUSE_RECV : 0) | (request.uploadPaused ? CURLPAUSE_SEND : 0);
-        passStart_ = Clock::now(); // a resumed transfer may take its held bytes in this call
         curl_easy_pause(request.easy, mask);
         needsPerform_ = true;
     }
@@ -508,9 +507,6 @@ private:
     std::deque<std::shared_ptr<RequestState>> waiting_;
     bool needsPerform_ = false;
     Clock::time_point lastTimeoutCheck_{};
-    // When the running pass of curl (or call that resumes a transfer) began: the time of the
-    // activity its callbacks see, one clock reading per pass instead of one per callback.
-    Clock::time_point passStart_{};
 };
 
 void Engine::Loop() {
@@ -541,7 +537,6 @@ void Engine::Loop() {
         StartWaiting();
         int running = 0;
         const Clock::time_point performed = Clock::now();
-        passStart_ = performed;
         curl_multi_perform(multi_, &running);
         ProcessDone();
         Deliver();
@@ -726,7 +721,7 @@ void Engine::CheckTimeouts(Clock::time_point performed) {
 size_t Engine::HeaderCallback(char* data, size_t size, size_t count, void* user) {
     auto& request = *static_cast<RequestState*>(user);
     const size_t length = size * count;
-    request.lastActivity = self_->passStart_;
+    request.lastActivity = Clock::now();
     if (request.headersReady.load(std::memory_order_relaxed)) return length; // trailers
     std::string_view line(data, length);
     if (line.rfind("HTTP/", 0) == 0) {
@@ -854,7 +849,7 @@ size_t Engine::WriteCallback(char* data, size_t size, size_t count, void* user) 
     auto& request = *static_cast<RequestState*>(user);
     size_t length = size * count;
     const size_t total = length;
-    request.lastActivity = self_->passStart_;
+    request.lastActivity = Clock::now();
     if (request.redirecting || !request.headersReady.load(std::memory_order_relaxed)) return total;
     if (!request.readPending && request.Buffered() >= kBufferHigh) {
         request.recvPaused = true;
@@ -905,7 +900,7 @@ size_t Engine::ReadCallback(char* data, size_t size, size_t count, void* user) {
         if (copied == capacity) break;
     }
     if (copied > 0) {
-        request.lastActivity = self_->passStart_;
+        request.lastActivity = Clock::now();
         return copied;
     }
     if (request.uploadEnd) return 0;
@@ -916,7 +911,7 @@ size_t Engine::ReadCallback(char* data, size_t size, size_t count, void* user) {
 int Engine::PrereqCallback(void* user, char*, char*, int, int) {
     auto& request = *static_cast<RequestState*>(user);
     request.timerArmed = true;
-    request.lastActivity = self_->passStart_;
+    request.lastActivity = Clock::now();
     if (!request.sendCompleteDelivered) {
         request.sendCompleteDelivered = true;
         self_->Push(request, StatusSendRequestComplete);
