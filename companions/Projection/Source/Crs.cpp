@@ -28,8 +28,11 @@ public:
                 std::lock_guard lock(mutex_);
                 auto found = byCode_.find(epsgCode);
                 if (found == byCode_.end()) {
-                    PjHandle crs = CrsFromEpsg(context_.get(), epsgCode);
-                    auto made = Core::Ptr<Interfaces::ICrs>::Attach(NewCrsObject(context_.get(), crs.get(), epsgCode));
+                    auto made = Core::Ptr<Interfaces::ICrs>::Attach(NewWellKnownCrsObject(epsgCode));
+                    if (!made) {
+                        PjHandle crs = CrsFromEpsg(context_.get(), epsgCode);
+                        made = Core::Ptr<Interfaces::ICrs>::Attach(NewCrsObject(context_.get(), crs.get(), epsgCode));
+                    }
                     found = byCode_.emplace(epsgCode, std::move(made)).first;
                 }
                 *ppCrs = Core::Ptr<Interfaces::ICrs>(found->second).Detach();

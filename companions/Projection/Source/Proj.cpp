@@ -1,5 +1,6 @@
 #include "Proj.h"
 
+#include <mutex>
 #include <stdexcept>
 #include <string>
 
@@ -57,27 +58,57 @@ std::string ProjText(PJ_CONTEXT* context, PJ* crs) {
     return text ? text : "";
 }
 
+// What a CRS object tells about itself, read from PROJ once.
+struct Description {
+    std::string projText;
+    std::string name;
+    std::string wkt;
+    bool geographic = false;
+};
+
+Description Describe(PJ_CONTEXT* context, PJ* crs) {
+    Description description;
+    description.projText = ProjText(context, crs);
+    description.geographic = IsGeographicType(proj_get_type(crs));
+    const char* name = proj_get_name(crs);
+    description.name = name ? name : "";
+    const char* wkt = proj_as_wkt(context, crs, PJ_WKT2_2019, nullptr);
+    description.wkt = wkt ? wkt : "";
+    return description;
+}
+
 class CrsImpl final : public Core::LightObjectImplBase<Interfaces::ICrs> {
 public:
     CrsImpl(PJ_CONTEXT* context, PJ* crs, uint32_t epsgCode)
-        : epsgCode_(epsgCode), projText_(ProjText(context, crs)), geographic_(IsGeographicType(proj_get_type(crs))) {
-        const char* name = proj_get_name(crs);
-        name_ = name ? name : "";
-        const char* wkt = proj_as_wkt(context, crs, PJ_WKT2_2019, nullptr);
-        wkt_ = wkt ? wkt : "";
+        : epsgCode_(epsgCode), description_(Describe(context, crs)), geographic_(description_.geographic) {
+        std::call_once(described_, [] {});
     }
+    // Described on first use, in a context of its own. A description PROJ cannot give (no
+    // database) leaves the texts empty.
+    CrsImpl(uint32_t epsgCode, bool geographic) : epsgCode_(epsgCode), geographic_(geographic) {}
 
     uint32_t GetEpsgCode() const noexcept override { return epsgCode_; }
-    const char* GetProj4Text() const noexcept override { return projText_.c_str(); }
-    const char* GetName() const noexcept override { return name_.c_str(); }
-    const char* GetWkt() const noexcept override { return wkt_.c_str(); }
+    const char* GetProj4Text() const noexcept override { return Described().projText.c_str(); }
+    const char* GetName() const noexcept override { return Described().name.c_str(); }
+    const char* GetWkt() const noexcept override { return Described().wkt.c_str(); }
     bool IsGeographic() const noexcept override { return geographic_; }
 
 private:
+    const Description& Described() const noexcept {
+        std::call_once(described_, [this]() noexcept {
+            try {
+                ContextHandle context = NewContext();
+                PjHandle crs = CrsFromEpsg(context.get(), epsgCode_);
+                description_ = Describe(context.get(), crs.get());
+            } catch (...) {
+            }
+        });
+        return description_;
+    }
+
     uint32_t epsgCode_;
-    std::string projText_;
-    std::string name_;
-    std::string wkt_;
+    mutable std::once_flag described_;
+    mutable Description description_;
     bool geographic_;
 };
 
@@ -85,6 +116,11 @@ private:
 
 Interfaces::ICrs* NewCrsObject(PJ_CONTEXT* context, PJ* crs, uint32_t epsgCode) {
     return new CrsImpl(context, crs, epsgCode);
+}
+
+Interfaces::ICrs* NewWellKnownCrsObject(uint32_t epsgCode) {
+    if (epsgCode != 4326 && epsgCode != 3857) return nullptr;
+    return new CrsImpl(epsgCode, epsgCode == 4326);
 }
 
 } // namespace Tellar::Spatial::Projection::impl

@@ -35,4 +35,9 @@ PjHandle CrsFromInterface(PJ_CONTEXT* context, Interfaces::ICrs* crs);
 // A new CRS object that describes `crs`; `epsgCode` is 0 for a CRS without one.
 Interfaces::ICrs* NewCrsObject(PJ_CONTEXT* context, PJ* crs, uint32_t epsgCode);
 
+// For EPSG:4326 and 3857, which every registry holds, a CRS object that reads the registry only
+// when its texts are first asked for: a tile service that never reprojects never opens it.
+// Null for other codes.
+Interfaces::ICrs* NewWellKnownCrsObject(uint32_t epsgCode);
+
 } // namespace Tellar::Spatial::Projection::impl
