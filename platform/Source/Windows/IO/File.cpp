@@ -29,8 +29,9 @@ public:
             throw std::runtime_error(
                 "Handle must be valid before passing it to this object. Also current object takes ownership of "
                 "the handle and manages its lifetime by itself!");
-        // Nobody else may write the file, so its size can be read once.
-        if ((shareMode_ & FileShareWrite) == 0) size_ = QuerySize();
+        // A file open for reading only that nobody else may write keeps its size, which is read
+        // once; one we may write ourselves is asked each time.
+        if ((desiredAccess_ & GenericWrite) == 0 && (shareMode_ & FileShareWrite) == 0) size_ = QuerySize();
     }
 
     ~GenericFileImplT() override { ::close(handle_); }
