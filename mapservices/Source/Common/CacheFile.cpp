@@ -22,8 +22,8 @@ namespace {
 // Unique among threads and among the calls of one thread.
 std::string TemporaryNameFor(const std::string& path) {
     static std::atomic<uint64_t> counter{0};
-    return Core::StringFormat("%s.%ld.%llu.part", path.c_str(), static_cast<long>(::syscall(SYS_gettid)),
-                              static_cast<unsigned long long>(++counter));
+    thread_local const long thread = static_cast<long>(::syscall(SYS_gettid));
+    return Core::StringFormat("%s.%ld.%llu.part", path.c_str(), thread, static_cast<unsigned long long>(++counter));
 }
 
 // A temporary file this old was left by a writer that died before its rename: nothing writes
@@ -94,8 +94,19 @@ void WriteCacheFile(const Platform::Network::Http::HttpResponse& response, const
     const std::filesystem::path directory = std::filesystem::path(target).parent_path();
     SweepStaleTemporaries(directory.empty() ? std::filesystem::path(".") : directory);
     const std::string temporary = TemporaryNameFor(target);
-    if (!response.Get()->SaveToFile(temporary.c_str())) return;
+    bool saved = false;
+    try {
+        saved = response.Get()->SaveToFile(temporary.c_str());
+    } catch (...) {
+        std::error_code ignored;
+        std::filesystem::remove(temporary, ignored);
+        throw;
+    }
     std::error_code error;
+    if (!saved) {
+        std::filesystem::remove(temporary, error);
+        return;
+    }
     std::filesystem::rename(temporary, target, error);
     if (error) {
         std::error_code ignored;
