@@ -29,16 +29,28 @@ bool IsNotFound(const std::error_code& error) {
     return error == std::errc::no_such_file_or_directory || error == std::errc::not_a_directory;
 }
 
-// Makes the directory of a cache file when it is missing.
-void MakeParentDirectory(const std::string& path) {
+// Makes the directory of a cache file when it is missing; false when it was there.
+bool MakeParentDirectory(const std::string& path) {
     const std::filesystem::path parent = std::filesystem::path(path).parent_path();
-    if (parent.empty()) return;
+    if (parent.empty()) return false;
     std::error_code error;
     const auto status = std::filesystem::status(parent, error);
     if (error && !IsNotFound(error)) Core::ThrowFileSystemError("exists", parent.string(), error);
-    if (!error && status.type() != std::filesystem::file_type::not_found) return;
+    if (!error && status.type() != std::filesystem::file_type::not_found) return false;
     std::filesystem::create_directories(parent, error);
     if (error) Core::ThrowFileSystemError("create_directories", parent.string(), error);
+    return true;
+}
+
+// Writes a cache file. Its directory is looked for only when the write fails: most tiles go
+// where others went before them.
+void WriteCacheFileMakingDirectory(const HttpResponse& response, const std::string& path) {
+    try {
+        MapServices::WriteCacheFile(response, path);
+    } catch (...) {
+        if (!MakeParentDirectory(path)) throw;
+        MapServices::WriteCacheFile(response, path);
+    }
 }
 
 // The task's response with a reference of its own.
@@ -132,8 +144,7 @@ Core::Ptr<Tellar::Interfaces::ITileResponse> TileRequestImpl::AwaitDownload() co
     if (!cacheFilePath_.empty() && response.GetStatusCode() == 200 && httpRequest_->IsCompleted() &&
         response.Get()->GetBodySize() > 0 &&
         MapServices::IsTileContentType(response.Get()->GetHeader("Content-Type"))) {
-        MakeParentDirectory(cacheFilePath_);
-        MapServices::WriteCacheFile(response, cacheFilePath_);
+        WriteCacheFileMakingDirectory(response, cacheFilePath_);
     }
     return Core::MakeObject<TileResponseImpl>(Core::Ptr<Platform::Interfaces::IHttpResponse>(response.Get()),
                                               Core::Ptr<Data::Interfaces::IArray>(), bounds_, epsgCode_, zoom_, x_, y_);
