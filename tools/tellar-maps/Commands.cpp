@@ -567,11 +567,17 @@ void SeedWholeLevels(IMapService* service, const SeedJob& job, Progress& progres
             parts = 0;
             done.clear();
         }
+        // The list lets its requests go, and each is let go once taken: a request holds its
+        // answer's bytes, which a list held to its end would keep all at once.
         const uint64_t size = item.list->GetCount();
+        std::vector<Ptr<ITileRequest>> requests;
+        requests.reserve(size);
+        for (uint64_t i = 0; i < size; ++i) requests.emplace_back(RequestAt(item.list.Raw(), i));
+        item.list = nullptr;
         const std::string label = ++parts == 1 ? fmt::format("zoom {}", zoom) : fmt::format("zoom {} part {}", zoom, parts);
         TileSpan span{INT64_MAX, INT64_MAX, INT64_MIN, INT64_MIN};
         for (uint64_t i = 0; i < size; ++i) {
-            ITileRequest* request = RequestAt(item.list.Raw(), i);
+            const Ptr<ITileRequest> request = std::move(requests[i]);
             const int64_t x = request->GetX(), y = request->GetY();
             span = {std::min(span.minX, x), std::min(span.minY, y), std::max(span.maxX, x), std::max(span.maxY, y)};
             if (std::any_of(done.begin(), done.end(), [&](const TileSpan& other) { return other.Holds(x, y); }))
@@ -619,8 +625,9 @@ void SeedShareOfLevels(IMapService* service, const SeedJob& job, Progress& progr
         const std::string label = fmt::format("zoom {}", zoom);
         uint64_t taken = 0;
         const auto drain = [&] {
-            for (const auto& request : batch) {
+            for (auto& request : batch) {
                 count.Take(*request);
+                request = nullptr; // its answer's bytes go with it
                 progress.Update(label, ++taken, share);
             }
             batch.clear();
