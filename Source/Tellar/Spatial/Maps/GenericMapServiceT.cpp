@@ -1,8 +1,11 @@
 #include "Tellar/Spatial/Maps/GenericMapServiceT.h"
 
 #include <cmath>
+#include <filesystem>
 #include <stdexcept>
 #include <string>
+#include <string_view>
+#include <system_error>
 #include <vector>
 
 #include <fmt/format.h>
@@ -97,6 +100,19 @@ void CheckTileCount(const TileRange& range) {
 int64_t Next(int64_t value) { return static_cast<int64_t>(static_cast<uint64_t>(value) + 1u); }
 
 } // namespace
+
+bool CacheDirectoryMemo::MayHold(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    const std::string_view directory(path.data(), slash == std::string::npos ? 0 : slash);
+    if (!known_ || directory != directory_) {
+        directory_.assign(directory);
+        known_ = true;
+        std::error_code error;
+        // A directory that can't be looked at is left to the look at each file.
+        present_ = directory_.empty() || std::filesystem::exists(directory_, error) || error;
+    }
+    return present_;
+}
 
 template <class I>
 GenericMapServiceT<I>::GenericMapServiceT(Core::Ptr<Fetcher> fetcher, Core::Ptr<Tellar::Interfaces::ICrs> serviceCrs)
@@ -220,7 +236,8 @@ Platform::Interfaces::IHttpClient* GenericMapServiceT<I>::GetHttpClient() {
 }
 
 template <class I>
-Core::Ptr<Tellar::Interfaces::ITileRequest> GenericMapServiceT<I>::MakeTileRequest(int32_t zoom, int64_t x, int64_t y) {
+Core::Ptr<Tellar::Interfaces::ITileRequest> GenericMapServiceT<I>::MakeTileRequest(int32_t zoom, int64_t x, int64_t y,
+                                                                                   CacheDirectoryMemo* memo) {
     TileRange range;
     range.Extend(x, y);
     range.Extend(Next(x), Next(y));
@@ -228,14 +245,11 @@ Core::Ptr<Tellar::Interfaces::ITileRequest> GenericMapServiceT<I>::MakeTileReque
     const auto column = static_cast<int32_t>(x);
     const auto row = static_cast<int32_t>(y);
     const auto epsgCode = static_cast<int32_t>(serviceCrs_->GetEpsgCode());
-    if (fetcher_->IsTileCached(z, column, row)) {
-        const BoundingBoxValue bounds = TileRangeToBox(zoom, range);
-        return Core::MakeObject<TileRequestImpl>(zoom, x, y, bounds, epsgCode,
-                                                 fetcher_->GetCachedTilePath(z, column, row));
-    }
-    Platform::Network::Http::HttpRequest request = fetcher_->CreateTileHttpRequest(z, column, row);
     const BoundingBoxValue bounds = TileRangeToBox(zoom, range);
     std::string path = fetcher_->IsCacheEnabled() ? fetcher_->GetCachedTilePath(z, column, row) : std::string();
+    if (!path.empty() && (!memo || memo->MayHold(path)) && fetcher_->IsTileCached(z, column, row))
+        return Core::MakeObject<TileRequestImpl>(zoom, x, y, bounds, epsgCode, std::move(path));
+    Platform::Network::Http::HttpRequest request = fetcher_->CreateTileHttpRequest(z, column, row);
     return Core::MakeObject<TileRequestImpl>(std::move(request), zoom, x, y, bounds, epsgCode, std::move(path));
 }
 
@@ -243,8 +257,9 @@ template <class I>
 Core::Ptr<Data::Interfaces::IObjectList> GenericMapServiceT<I>::MakeTileList(int32_t zoom, const TileRange& range) {
     CheckTileCount(range);
     Data::ObjectList list = Data::ObjectList::Create();
+    CacheDirectoryMemo memo;
     ForEachTile(range, [&](int64_t x, int64_t y) {
-        Core::Ptr<Tellar::Interfaces::ITileRequest> request = MakeTileRequest(zoom, x, y);
+        Core::Ptr<Tellar::Interfaces::ITileRequest> request = MakeTileRequest(zoom, x, y, &memo);
         Core::Ptr<Core::IErrorCode> error;
         if (!list->_abi_Append(request.Raw(), error.ReceiveAddress())) Core::ThrowIfError(error);
     });

@@ -19,6 +19,19 @@ struct WmtsTileMatrix;
 
 namespace Tellar::Spatial::Maps::impl {
 
+// The directory of the cache files a list's tiles would have, looked at once per directory: when
+// it is missing none of its tiles is cached, and they are not looked for one by one.
+class CacheDirectoryMemo {
+public:
+    // False when the directory of `path` is known to be missing.
+    bool MayHold(const std::string& path);
+
+private:
+    std::string directory_;
+    bool known_ = false;
+    bool present_ = true;
+};
+
 // The map service over one tile fetcher: tile addressing, the caller's CRS, tile requests and
 // mosaics. `I` is the caller-facing interface the service implements.
 template <class I>
@@ -63,7 +76,8 @@ protected:
     void ReplaceServiceCrs(Tellar::Interfaces::ICrs* crs);
 
 private:
-    Core::Ptr<Tellar::Interfaces::ITileRequest> MakeTileRequest(int32_t zoom, int64_t x, int64_t y);
+    Core::Ptr<Tellar::Interfaces::ITileRequest> MakeTileRequest(int32_t zoom, int64_t x, int64_t y,
+                                                                CacheDirectoryMemo* memo = nullptr);
     Core::Ptr<Data::Interfaces::IObjectList> MakeTileList(int32_t zoom, const MapServices::TileRange& range);
     bool MosaicCall(int32_t zoom, Tellar::Interfaces::IBoundingBox2d* box, TellarImaging::ITiffImage** ppImage,
                     Core::IErrorCode** ppError, bool bestEffort);
