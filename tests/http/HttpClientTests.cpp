@@ -344,35 +344,6 @@ TEST_F(HttpClientTest, ReleasedClientOutlivesItsAsyncRequests) {
     }
 }
 
-TEST_F(HttpClientTest, DecodedBodyCompletes) {
-    // Without the length and encoding lines the decoded body counts as complete.
-    auto request = NewRequest(Client(), "/gzip");
-    IHttpResponse* response = Fetch(request);
-    ASSERT_NE(response, nullptr);
-    EXPECT_TRUE(request->IsCompleted());
-    EXPECT_EQ(BodyOf(response), TestServer::GzipText());
-    // The completeness test enters the missing length as empty; the encoding stays absent.
-    EXPECT_STREQ(response->GetHeader("Content-Length"), "");
-    EXPECT_EQ(response->GetHeader("Content-Encoding"), nullptr);
-    EXPECT_TRUE(Http::FetchUrlText((server.Base() + "/gzip").c_str()).success);
-}
-
-TEST_F(HttpClientTest, TruncatedBodyIsNeverASuccess) {
-    RawServer truncated([](int fd, const std::string&) {
-        RawServer::SendAll(fd, "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n0123456789");
-    });
-    ScopedRecordingLogger logger;
-    auto request = NewRequest(Http::CreateHttpClient(truncated.Base().c_str(), "Test/1.0", 0), "/");
-    IHttpResponse* response = Fetch(request);
-    ASSERT_NE(response, nullptr); // partly filled, with its status line
-    EXPECT_EQ(response->GetStatusCode(), 200);
-    EXPECT_FALSE(request->IsCompleted());
-    EXPECT_TRUE(Logged(logger, "AsyncCallback: WINHTTP_CALLBACK_STATUS_REQUEST_ERROR [12030]"));
-    auto fetched = Http::FetchUrlText((truncated.Base() + "/").c_str());
-    EXPECT_FALSE(fetched.success);
-    EXPECT_EQ(fetched.text, "");
-}
-
 TEST_F(HttpClientTest, ResponsesOfEveryKindAndTheirFetchedText) {
     struct Case {
         const char* path;

@@ -1,4 +1,3 @@
-#include <atomic>
 #include <filesystem>
 #include <stdexcept>
 #include <string>
@@ -69,69 +68,6 @@ TEST(TileRequests, CachedServiceMissesThenHitsWithoutNetwork) {
     EXPECT_TRUE(third->IsFinished());
     EXPECT_EQ(ResponseFailure(*third), "Request was already cancelled");
     EXPECT_EQ(server.Requests(), 1);
-}
-
-TEST(TileRequests, FailedStatusIsNotCached) {
-    TestSupport::TileServer server;
-    TestSupport::TempDir cache;
-    auto service = Service(server.Template("404"), 4326, cache.Path().c_str());
-    for (int round = 1; round <= 2; ++round) {
-        auto response = Response(*Tile(*service, 2, 1, 1));
-        ASSERT_TRUE(response.Raw());
-        EXPECT_EQ(response->GetHttpResponse()->GetStatusCode(), 404);
-        EXPECT_EQ(server.Requests(), round);
-    }
-    EXPECT_EQ(FilesUnder(cache.Path()), 0u);
-}
-
-// A body cut short never reaches the cache, whatever the status line said.
-TEST(TileRequests, TruncatedTileIsNotCached) {
-    TestSupport::RawServer truncated([](int fd, const std::string&) {
-        TestSupport::RawServer::SendAll(
-            fd, "HTTP/1.1 200 OK\r\nContent-Type: image/png\r\nContent-Length: 100\r\n\r\n0123");
-    });
-    TestSupport::TempDir cache;
-    auto service = Service(truncated.Base() + "/{z}/{x}/{y}.png", 4326, cache.Path().c_str());
-    EXPECT_EQ(ResponseFailure(*Tile(*service, 2, 1, 1)), "Unknown exception");
-    EXPECT_EQ(FilesUnder(cache.Path()), 0u);
-}
-
-// A 200 answer that is no tile reaches the caller but never the cache, so the next good answer
-// for the same tile is fetched and kept.
-TEST(TileRequests, OnlyTileBodiesAreCached) {
-    struct Answer {
-        const char* type;
-        std::string body;
-    };
-    const std::vector<Answer> answers = {{"text/html", "<html>busy</html>"},
-                                         {"text/xml", "<ServiceException>later</ServiceException>"},
-                                         {"text/plain", "try again"},
-                                         {"image/png", ""},
-                                         {"image/png", TestSupport::SolidPngTile(256, 1, 2, 3)}};
-    std::atomic<size_t> current{0};
-    TestSupport::RawServer server([&](int fd, const std::string&) {
-        const Answer& answer = answers[current.load()];
-        TestSupport::RawServer::SendAll(fd, std::string("HTTP/1.1 200 OK\r\nContent-Type: ") + answer.type +
-                                                "\r\nContent-Length: " + std::to_string(answer.body.size()) +
-                                                "\r\nConnection: close\r\n\r\n" + answer.body);
-    });
-    TestSupport::TempDir cache;
-    auto service = Service(server.Base() + "/{z}/{x}/{y}.png", 4326, cache.Path().c_str());
-    for (size_t i = 0; i < answers.size(); ++i) {
-        SCOPED_TRACE(answers[i].type + (": " + answers[i].body.substr(0, 20)));
-        current = i;
-        auto response = Response(*Tile(*service, 2, 1, 1));
-        ASSERT_TRUE(response.Raw());
-        ASSERT_NE(response->GetHttpResponse(), nullptr); // not from the cache
-        EXPECT_EQ(response->GetHttpResponse()->GetBodySize(), answers[i].body.size());
-        EXPECT_EQ(FilesUnder(cache.Path()), i + 1 == answers.size() ? 1u : 0u);
-    }
-    auto hit = Response(*Tile(*service, 2, 1, 1));
-    ASSERT_TRUE(hit.Raw());
-    EXPECT_EQ(hit->GetHttpResponse(), nullptr);
-    Core::Ptr<TellarImaging::IImage> image;
-    ASSERT_TRUE(hit->GetImage(image.ReceiveAddress(), nullptr));
-    EXPECT_EQ(Rgb(*image, 10, 10), 0x010203u);
 }
 
 TEST(TileRequests, CancelledDownloadRefusesItsResponse) {
